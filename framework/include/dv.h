@@ -1,0 +1,227 @@
+/*
+ * dv.h - the whole public interface of libdv, the local RPC service framework.
+ *
+ * A service is a named Unix stream socket served by one producer (accepts and
+ * queues clients) and a pool of consumer workers (threads or forked processes)
+ * that run the service's exec callback. Request and reply text travel in a
+ * memory file (memfd) whose descriptor is passed over the socket; the sockets
+ * themselves only carry fixed-size directives.
+ *
+ * Misuse and resource failures print one "[ABORT] @fn() ...: `cond'" line to
+ * stderr and abort(); client calls report small status codes instead.
+ *
+ * Usable from C and C++; every symbol is unmangled.
+ */
+#ifndef DV_H
+#define DV_H
+
+#include <signal.h>
+#include <stddef.h>
+#include <stdio.h>
+#include <stdint.h>
+#include <sys/types.h>
+#include <pthread.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define DV_API __attribute__((visibility("default")))
+
+/* Object magics: the first 32-bit field of every framework object. */
+#define DV_IO_MAGIC 0x64494F2DU     /* "-OId" in memory order */
+#define DV_HANDLE_MAGIC 0x6453562DU /* "-VSd" */
+#define DV_EPOLL_MAGIC 0x6445562DU  /* "-VEd" */
+
+/* Mode bits of dv_create. Accepted values: 2, 3, 4, 5. */
+#define DV_STANDALONE 1U
+#define DV_PROCESS_MODE 2U
+#define DV_PTHREAD_MODE 4U
+
+#define MAXIMUM_NAME_SIZE 64
+#define MAX_SIGNAL_SIZE 32
+#define DV_MAX_WAITING_CLIENTS 1000
+#define DV_DEFAULT_SOCKET_DIR "/var/run/dv"
+
+/* ---------------------------------------------------------------- wire format */
+
+/* Every framework socket speaks this one 259-byte record (host byte order). */
+#define DV_DIRECTIVE_SIZE 259
+#define DV_DIRECTIVE_DATA_SIZE 257
+
+enum dv_directive_type {
+    DV_DIRECTIVE_READY = 1,    /* consumer -> producer: worker index (u64) is idle */
+    DV_DIRECTIVE_BUSY = 2,     /* producer -> client: 1000 clients already wait */
+    DV_DIRECTIVE_STOP = 3,     /* dv_stop -> consumer: end the worker */
+    DV_DIRECTIVE_PAUSED = 4,   /* producer -> client: service paused */
+    DV_DIRECTIVE_REJECT = 5,   /* never sent; clients report status 4 */
+    DV_DIRECTIVE_TRANSFER = 6, /* producer -> consumer (i32 fd), echoed back */
+    DV_DIRECTIVE_ACCEPT = 7,   /* consumer -> client: send the request now */
+    DV_DIRECTIVE_REQUEST = 8,  /* client -> consumer: name in data; memfd follows */
+    DV_DIRECTIVE_REPLY = 9     /* handler -> client: the reply is in the memfd */
+};
+
+/* flags bit 0 of a request: a second descriptor follows the memory file. */
+#define DV_DIRECTIVE_FLAG_EXTRA_FD 0x01
+
+typedef struct dv_directive {
+    uint8_t type;
+    uint8_t flags;
+    uint8_t data[DV_DIRECTIVE_DATA_SIZE];
+} __attribute__((packed)) dv_directive;
+
+/* ------------------------------------------------------------ message object */
+
+/*
+ * One request and its reply. The payload lives in an anonymous memory file
+ * created on first use; shared_data/shared_size is its current shared mapping
+ * (null/0 when unmapped). Owned by whoever created it; freed only by
+ * dv_io_free, which closes sockfd and memfd but never fd.
+ */
+typedef struct dv_io {
+    u_int32_t magic;
+    int memfd;
+    int sockfd;
+    int fd;
+    char name[256];
+    void* data;
+    void* shared_data;
+    size_t shared_size;
+    int pid;
+    u_int32_t uid;
+    u_int32_t gid;
+} dv_io;
+
+DV_API dv_io* dv_io_create(void);
+DV_API void dv_io_free(dv_io* io);
+DV_API void* dv_io_realloc(dv_io* io, size_t size);
+DV_API char* dv_io_read(dv_io* io, size_t* size);
+DV_API ssize_t dv_io_write(dv_io* io, const void* buf, size_t len);
+DV_API ssize_t dv_io_splice(dv_io* io, int fdin, size_t len);
+DV_API void dv_io_printf(dv_io* io, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+DV_API int dv_io_pid(dv_io* io);
+DV_API int dv_io_uid(dv_io* io);
+DV_API int dv_io_gid(dv_io* io);
+DV_API void dv_io_set(dv_io* io, void* data);
+DV_API void* dv_io_get(dv_io* io);
+DV_API int dv_io_alive(dv_io* io);
+DV_API size_t dv_io_size(dv_io* io);
+/* The returned descriptor stays owned by io. */
+DV_API int dv_io_fileno(dv_io* io);
+/* The returned descriptor (or stream) is the caller's to close. */
+DV_API int dv_io_dup(dv_io* io);
+DV_API int dv_io_dup2(dv_io* io, int newfd);
+DV_API int dv_io_dup3(dv_io* io, int newfd, int flags);
+DV_API FILE* dv_io_fopen(dv_io* io, const char* mode);
+DV_API FILE* dv_io_freopen(dv_io* io, const char* mode, FILE* stream);
+DV_API void dv_io_sync(dv_io* io);
+
+/* ------------------------------------------------------------ service handle */
+
+typedef void (*dv_exec_fn)(const char* name, dv_io* io, int fd);
+typedef void (*dv_hook_fn)(void* arg);
+
+typedef struct dv_worker dv_worker; /* private to the framework */
+
+typedef struct dv_handle {
+    u_int32_t magic;
+    u_int8_t paused;
+    u_int8_t stopping;
+    char sockfile[MAXIMUM_NAME_SIZE];
+    char name[MAXIMUM_NAME_SIZE];
+    u_int32_t mode;
+    size_t service_size;
+    dv_exec_fn exec;
+    dv_hook_fn worker_init;
+    void* worker_init_arg;
+    dv_hook_fn worker_fini;
+    void* worker_fini_arg;
+    dv_worker* worker;
+} dv_handle;
+
+DV_API dv_handle* dv_create(const char* name, u_int32_t mode, size_t workers, dv_exec_fn exec);
+DV_API void dv_worker_init(dv_handle* service_handle, dv_hook_fn fn, void* arg);
+DV_API void dv_worker_fini(dv_handle* service_handle, dv_hook_fn fn, void* arg);
+DV_API void dv_start(dv_handle* service_handle);
+DV_API void dv_stop(dv_handle* service_handle);
+DV_API void dv_pause(dv_handle* service_handle);
+DV_API void dv_resume(dv_handle* service_handle);
+DV_API void dv_free(dv_handle* service_handle);
+
+/*
+ * The directory of hashed socket files: $DV_SOCKET_DIR when set and non-empty,
+ * else "/var/run/dv". Names beginning with '@' are paths and ignore it.
+ */
+DV_API const char* dv_socket_dir(void);
+
+/*
+ * Socket path of a service name into buf (size bytes). Returns 0, or -1 when
+ * the name's SHA-1 cannot be computed. Used by server and client alike.
+ */
+DV_API int dv_sockfile(const char* name, char* buf, size_t size);
+
+/* Send the reply directive and shut the client socket down; closes nothing. */
+DV_API int dv_reply(dv_io* io);
+
+/* ------------------------------------------------------------------- client */
+
+/* Client status codes. */
+#define DV_STATUS_OK 0
+#define DV_STATUS_TIMEOUT 1
+#define DV_STATUS_CONNECT 2
+#define DV_STATUS_PAUSED 3
+#define DV_STATUS_REJECTED 4
+#define DV_STATUS_SOCKET 5
+#define DV_STATUS_BUSY 6
+#define DV_STATUS_ARGUMENTS 7
+
+typedef struct dv_epoll {
+    u_int32_t magic;
+    int fd;
+} dv_epoll;
+
+DV_API dv_epoll* dv_epoll_create(void);
+DV_API int dv_epoll_call(dv_epoll* epoll, const char* service, const char* command, dv_io* io, int fd);
+DV_API dv_io* dv_epoll_perform(dv_epoll* epoll, int timeout_ms, int* status);
+DV_API void dv_epoll_cancel(dv_epoll* epoll, dv_io* io);
+DV_API void dv_epoll_free(dv_epoll* epoll);
+DV_API int dv_call(const char* service, const char* command, dv_io* io, unsigned timeout_s, int fd);
+/* *recv must be null on entry; on status 0 it is a malloc'd copy of the reply for the caller to free. */
+DV_API int dv_ez_call(const char* service, const char* command, const void* data, size_t dsize, void** recv,
+                      size_t* rsize, unsigned timeout_s, int fd);
+DV_API int dv_json_write_io(const char* text, size_t len, dv_io* io);
+
+/* ----------------------------------------------------- signals and crashes */
+
+#define BLOCKED_PROGRAM_LIST \
+    "(\\b|/)(ash|bash|csh|jsh|ksh|ksh93|pfcsh|pfksh|pfsh|pfsh|rbash|rksh93|sh|tcsh|zsh|busybox|php|python.*)$"
+
+typedef void (*dv_signal_fn)(int signum, siginfo_t* info, void* context);
+
+DV_API void dv_signal(int signum, dv_signal_fn handler);
+DV_API void dv_backtrace(void);
+DV_API int dv_init(void);
+DV_API void dv_fini(void);
+
+/* ------------------------------------------------------------------- SHA-1 */
+
+typedef struct SHA1Context {
+    unsigned Message_Digest[5];
+    unsigned Length_Low;
+    unsigned Length_High;
+    unsigned char Message_Block[64];
+    int Message_Block_Index;
+    int Computed;
+    int Corrupted;
+} SHA1Context;
+
+DV_API void SHA1Reset(SHA1Context* context);
+DV_API void SHA1Input(SHA1Context* context, const unsigned char* message_array, unsigned length);
+/* Non-zero on success; the digest is then in Message_Digest. */
+DV_API int SHA1Result(SHA1Context* context);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* DV_H */
