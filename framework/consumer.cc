@@ -1,1 +1,381 @@
-// placeholder
+// Consumer workers: each owns one client at a time, receives its request and
+// runs the service's exec callback with a message object built from it.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "internal.h"
+
+namespace {
+
+long long now_ms()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+struct consumer_state {
+    dv_worker* worker;
+    long long deadline = 0;  // when the held client must have sent its request
+};
+
+void report_ready(dv_worker* w)
+{
+    dv_directive d;
+    memset(&d, 0, sizeof(d));
+    d.type = DV_DIRECTIVE_READY;
+    uint64_t index = w->index;
+    memcpy(d.data, &index, sizeof(index));
+    dv_send_directive(w->sockfd[0], &d);
+}
+
+void drop_client(dv_worker* w)
+{
+    if (w->client < 0)
+        return;
+    epoll_ctl(w->pollfd, EPOLL_CTL_DEL, w->client, nullptr);
+    shutdown(w->client, SHUT_RDWR);
+    close(w->client);
+    w->client = -1;
+}
+
+int remaining_ms(const consumer_state& s)
+{
+    long long left = s.deadline - now_ms();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
+// Waits (within the request deadline) for the client's next descriptor
+// message and receives it.
+int recv_client_fd(const consumer_state& s, int client)
+{
+    struct pollfd p = {client, POLLIN, 0};
+    int n;
+    do {
+        n = poll(&p, 1, remaining_ms(s));
+    } while (n < 0 && errno == EINTR);
+    if (n != 1 || !(p.revents & POLLIN))
+        return -1;
+    return dv_recv_fd(client);
+}
+
+// The request's memory file must be one we can read, resize and rewrite for
+// the reply; anything else (a pipe, a read-only or sealed file, an absurd
+// size) would make the reply path fail, so the client is refused instead.
+bool usable_memfd(int fd)
+{
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 0 ||
+        static_cast<unsigned long long>(st.st_size) > DV_MAX_REQUEST_SIZE)
+        return false;
+    int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || (flags & O_ACCMODE) != O_RDWR)
+        return false;
+    int seals = fcntl(fd, F_GET_SEALS);
+    if (seals < 0)
+        return false;
+    if (seals & (F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_FUTURE_WRITE))
+        return false;
+    // Freeze the seals so the client cannot forbid the reply later on.
+    if (!(seals & F_SEAL_SEAL) && fcntl(fd, F_ADD_SEALS, F_SEAL_SEAL) != 0)
+        return false;
+    return true;
+}
+
+// A forked consumer runs with its caller's environment.
+void adopt_environment(pid_t pid)
+{
+    char path[64];
+    snprintf(path, sizeof(path), "/proc/%d/environ", static_cast<int>(pid));
+    FILE* f = fopen(path, "re");
+    if (!f)
+        return;
+    char* text = nullptr;
+    size_t cap = 0;
+    ssize_t len = getdelim(&text, &cap, '\n', f);
+    fclose(f);
+    clearenv();
+    if (len > 0 && text[len - 1] == '\n')
+        text[--len] = '\0';
+    // NAME=VALUE entries separated by NUL bytes; getdelim terminates the last.
+    for (ssize_t pos = 0; pos < len;) {
+        char* entry = text + pos;
+        size_t entry_len = strnlen(entry, static_cast<size_t>(len - pos));
+        pos += static_cast<ssize_t>(entry_len) + 1;
+        char* eq = static_cast<char*>(memchr(entry, '=', entry_len));
+        if (!eq || eq == entry)
+            continue;
+        *eq = '\0';
+        setenv(entry, eq + 1, 1);
+    }
+    free(text);
+}
+
+// The client's request: the memory file, maybe an extra descriptor, then
+// the call. Returns after the exec callback, which owns the message object.
+void serve_request(consumer_state& s, const dv_directive& d)
+{
+    dv_worker* w = s.worker;
+    int client = w->client;
+    int memfd = recv_client_fd(s, client);
+    if (memfd < 0) {
+        drop_client(w);
+        return;
+    }
+    int extra = -1;
+    if (d.flags & DV_DIRECTIVE_FLAG_EXTRA_FD) {
+        extra = recv_client_fd(s, client);
+        if (extra < 0) {
+            close(memfd);
+            drop_client(w);
+            return;
+        }
+    }
+    if (!usable_memfd(memfd)) {
+        close(memfd);
+        if (extra >= 0)
+            close(extra);
+        drop_client(w);
+        return;
+    }
+    epoll_ctl(w->pollfd, EPOLL_CTL_DEL, client, nullptr);
+    w->client = -1;
+
+    dv_io* io = dv_io_create();
+    io->sockfd = client;
+    io->memfd = memfd;
+    memcpy(io->name, d.data, sizeof(io->name) - 1);
+    io->name[sizeof(io->name) - 1] = '\0';
+    dv_io_sync(io);
+    struct ucred cred;
+    socklen_t len = sizeof(cred);
+    bool have_cred = getsockopt(client, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0;
+    if (have_cred) {
+        io->pid = cred.pid;
+        io->uid = cred.uid;
+        io->gid = cred.gid;
+    }
+    if ((w->mode & DV_PROCESS_MODE) && have_cred)
+        adopt_environment(cred.pid);
+    w->exec(io->name, io, extra);
+}
+
+// A new client from the producer: receive it, echo the transfer so the
+// producer closes its copy, tell the client to go ahead.
+void take_client(consumer_state& s, const dv_directive& d)
+{
+    dv_worker* w = s.worker;
+    int client = dv_recv_fd(w->sockfd[0]);
+    dv_send_directive(w->sockfd[0], &d);
+    if (client < 0) {
+        report_ready(w);
+        return;
+    }
+    struct epoll_event ev;
+    memset(&ev, 0, sizeof(ev));
+    ev.events = DV_EVENTS;
+    ev.data.fd = client;
+    if (!dv_send_directive_type(client, DV_DIRECTIVE_ACCEPT) || epoll_ctl(w->pollfd, EPOLL_CTL_ADD, client, &ev) != 0) {
+        shutdown(client, SHUT_RDWR);
+        close(client);
+        report_ready(w);
+        return;
+    }
+    w->client = client;
+    s.deadline = now_ms() + DV_REQUEST_DEADLINE_MS;
+}
+
+void consumer_loop(dv_worker* w)
+{
+    consumer_state s{w};
+    for (;;) {
+        struct epoll_event ev;
+        int n;
+        do {
+            n = epoll_wait(w->pollfd, &ev, 1, w->client >= 0 ? remaining_ms(s) : -1);
+        } while (n < 0 && errno == EINTR);
+        if (n == 0 && w->client >= 0) {
+            drop_client(w);  // the request did not come in time
+            report_ready(w);
+            continue;
+        }
+        if (n < 1)
+            return;
+        bool control = ev.data.fd == w->sockfd[0];
+        if (!control && ev.data.fd != w->client)
+            continue;
+        if (ev.events == DV_EVENTS_GONE) {
+            if (control)
+                return;
+            drop_client(w);
+            report_ready(w);
+            continue;
+        }
+        dv_directive d;
+        memset(&d, 0, sizeof(d));
+        ssize_t got;
+        do {
+            got = read(ev.data.fd, &d, sizeof(d));
+        } while (got < 0 && errno == EINTR);
+        if (got != static_cast<ssize_t>(sizeof(d))) {
+            if (control) {
+                if (got == 0)
+                    return;  // the producer's end is closed: nobody can stop us otherwise
+                report_ready(w);
+            } else {
+                drop_client(w);
+                report_ready(w);
+            }
+            continue;
+        }
+        if (control) {
+            if (d.type == DV_DIRECTIVE_STOP)
+                return;
+            if (d.type == DV_DIRECTIVE_TRANSFER && w->client < 0)
+                take_client(s, d);
+            continue;  // nothing else is ever sent on the control socket
+        }
+        if (d.type == DV_DIRECTIVE_REQUEST) {
+            serve_request(s, d);
+            report_ready(w);
+            continue;
+        }
+        drop_client(w);  // a client may only send its request
+        report_ready(w);
+    }
+}
+
+}  // namespace
+
+void* dv_consumer_worker(void* arg)
+{
+    dv_worker* w = static_cast<dv_worker*>(arg);
+    if (w->worker_init)
+        w->worker_init(w->worker_init_arg);
+    w->pollfd = epoll_create1(EPOLL_CLOEXEC);
+    if (!(w->pollfd >= 0 && set_fd_cloexec(w->pollfd)))
+        dv_abort("[ABORT] @%s() consumer-worker create epoll fail: `%s'\n", "dv_consumer_worker",
+                 "(consumer_worker->pollfd = epoll_create(1)) >= 0 && set_fd_cloexec(consumer_worker->pollfd)");
+    struct epoll_event ev;
+    memset(&ev, 0, sizeof(ev));
+    ev.events = DV_EVENTS;
+    ev.data.fd = w->sockfd[0];
+    if (epoll_ctl(w->pollfd, EPOLL_CTL_ADD, w->sockfd[0], &ev) != 0)
+        dv_abort("[ABORT] @%s() consumer-worker epoll add sockfd fail: `%s'\n", "dv_consumer_worker",
+                 "epoll_ctl(consumer_worker->pollfd, EPOLL_CTL_ADD, consumer_worker->sockfd[0], ev) == 0");
+
+    consumer_loop(w);
+
+    drop_client(w);
+    shutdown(w->sockfd[0], SHUT_RDWR);
+    close(w->sockfd[0]);
+    w->sockfd[0] = -1;
+    if (w->mode & DV_PROCESS_MODE) {
+        if (w->sockfd[1] >= 0) {
+            shutdown(w->sockfd[1], SHUT_RDWR);
+            close(w->sockfd[1]);
+            w->sockfd[1] = -1;
+        }
+    } else if (w->sockfd[1] >= 0) {
+        // The producer still polls this end; it is closed by dv_stop once the
+        // producer has ended, so the number cannot be reused under it.
+        shutdown(w->sockfd[1], SHUT_RDWR);
+    }
+    close(w->pollfd);
+    w->pollfd = -1;
+    if (w->worker_fini)
+        w->worker_fini(w->worker_fini_arg);
+    if (!(w->mode & DV_PROCESS_MODE))
+        pthread_exit(nullptr);
+    return nullptr;
+}
+
+void dv_consumer_worker_init(dv_handle* h, dv_worker* producer, dv_worker* w, size_t index, bool first_start)
+{
+    w->index = index;
+    w->mode = h->mode;
+    w->exec = h->exec;
+    w->worker_init = h->worker_init;
+    w->worker_init_arg = h->worker_init_arg;
+    w->worker_fini = h->worker_fini;
+    w->worker_fini_arg = h->worker_fini_arg;
+    w->handle = h;
+    w->sockfd[0] = w->sockfd[1] = -1;
+    w->idle = 1;
+    w->pollfd = -1;
+    w->client = -1;
+    w->handed = -1;
+
+    if (!(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, w->sockfd) >= 0 && set_fd_cloexec(w->sockfd[0]) &&
+          set_fd_cloexec(w->sockfd[1]))) {
+        if (first_start)
+            abort();
+        dv_abort("[ABORT] @%s() consumer-worker create sockets fail: `%s'\n", "dv_consumer_worker_init",
+                 "socketpair(AF_UNIX, SOCK_STREAM, 0, worker->sockfd) >= 0 && set_fd_cloexec(worker->sockfd[0]) && "
+                 "set_fd_cloexec(worker->sockfd[1])");
+    }
+
+    if (w->mode & DV_PTHREAD_MODE) {
+        pthread_attr_t attr;
+        dv_worker_thread_attr(&attr);
+        if (pthread_create(&w->id.tid, &attr, dv_consumer_worker, w) != 0)
+            dv_abort("[ABORT] @%s() consumer-worker create thread fail: `%s'\n", "dv_consumer_worker_init",
+                     "pthread_create(&worker->id.tid, &attr, dv_consumer_worker, (void*) worker) == 0");
+        pthread_attr_destroy(&attr);
+    } else {
+        w->id.pid = fork();
+        if (w->id.pid < 0)
+            dv_abort("[ABORT] @%s() consumer-worker create process fail: `%s'\n", "dv_consumer_worker_init",
+                     "(worker->id.pid = fork()) >= 0");
+        if (w->id.pid == 0) {
+            // The child keeps its control socket as descriptor 3 and nothing
+            // else of the parent's but 0-2.
+            if (w->sockfd[0] != 3) {
+                dup3(w->sockfd[0], 3, O_CLOEXEC);
+                w->sockfd[0] = 3;
+            }
+            close_fds();
+            w->sockfd[1] = -1;
+            signal(SIGINT, SIG_IGN);
+            signal(SIGTERM, SIG_IGN);
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            dv_consumer_worker(w);
+            free(h->worker);
+            free(h);
+            _exit(0);
+        }
+    }
+
+    w->queue.type = CONSUMER_SOCK;
+    w->queue.sockfd = w->sockfd[1];
+    struct epoll_event ev;
+    memset(&ev, 0, sizeof(ev));
+    ev.events = DV_EVENTS;
+    ev.data.ptr = &w->queue;
+    if (epoll_ctl(producer->pollfd, EPOLL_CTL_ADD, w->queue.sockfd, &ev) != 0)
+        dv_abort("[ABORT] @%s() producer-worker epoll add consumer-worker sockfd fail: `%s'\n", "dv_consumer_worker_init",
+                 "epoll_ctl(producer_worker->pollfd, EPOLL_CTL_ADD, worker->queue.sockfd, ev) == 0");
+}
+
+extern "C" DV_API int dv_reply(dv_io* io)
+{
+    if (!io || io->magic != DV_IO_MAGIC)
+        dv_abort("[ABORT] @%s() cannot response incorrect dv_io %p: `%s'\n", "dv_reply", static_cast<const void*>(io),
+                 "io && (*(u_int32_t*) io == DV_IO_MAGIC)");
+    dv_send_directive_type(io->sockfd, DV_DIRECTIVE_REPLY);
+    shutdown(io->sockfd, SHUT_RDWR);
+    return 0;
+}

@@ -1,1 +1,261 @@
-// placeholder
+// The message object: one request and its reply in a shared memory file.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "internal.h"
+
+namespace {
+
+constexpr const char IO_COND[] = "io && (*(u_int32_t*) io == DV_IO_MAGIC)";
+
+bool io_ok(const dv_io* io)
+{
+    return io && io->magic == DV_IO_MAGIC;
+}
+
+#define CHECK_IO(io, what)                                                                 \
+    do {                                                                                   \
+        if (!io_ok(io))                                                                    \
+            dv_abort("[ABORT] @%s() " what ": `%s'\n", __func__, static_cast<const void*>(io), IO_COND); \
+    } while (0)
+
+}  // namespace
+
+// The memory file comes into being on first use.
+void dv_io_shm(dv_io* io)
+{
+    if (io->memfd >= 0)
+        return;
+    io->memfd = static_cast<int>(syscall(SYS_memfd_create, "dovel", MFD_CLOEXEC));
+    if (io->memfd == -1 || !set_fd_cloexec(io->memfd))
+        dv_abort("[ABORT] @%s() create share memory file fail: `%s'\n", "dv_io_shm",
+                 "io->memfd != -1 && set_fd_cloexec(io->memfd)");
+}
+
+namespace {
+
+void unmap(dv_io* io)
+{
+    if (io->shared_data) {
+        munmap(io->shared_data, io->shared_size);
+        io->shared_data = nullptr;
+        io->shared_size = 0;
+    }
+}
+
+void resync(dv_io* io)
+{
+    if (io->memfd == -1)
+        return;
+    struct stat st;
+    lseek(io->memfd, 0, SEEK_END);
+    if (fstat(io->memfd, &st) != 0)
+        st.st_size = 0;
+    unmap(io);
+    if (st.st_size > 0) {
+        void* map = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, io->memfd, 0);
+        if (map == MAP_FAILED)
+            dv_abort("[ABORT] @%s() create memory map fail: `%s'\n", "dv_io_sync", "io->shared_data != MAP_FAILED");
+        io->shared_data = map;
+        io->shared_size = static_cast<size_t>(st.st_size);
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+DV_API dv_io* dv_io_create(void)
+{
+    dv_io* io = static_cast<dv_io*>(malloc(sizeof(dv_io)));
+    if (!io)
+        dv_abort("[ABORT] @%s() alloc dv_io memory fail: `%s'\n", "dv_io_create", "io");
+    io->magic = DV_IO_MAGIC;
+    io->memfd = io->sockfd = io->fd = -1;
+    io->name[0] = '\0';
+    io->data = nullptr;
+    io->shared_data = nullptr;
+    io->shared_size = 0;
+    io->pid = 0;
+    io->uid = 0;
+    io->gid = 0;
+    return io;
+}
+
+DV_API void dv_io_free(dv_io* io)
+{
+    CHECK_IO(io, "cannot free incorrect dv_io %p");
+    if (io->sockfd >= 0)
+        close(io->sockfd);
+    if (io->memfd >= 0) {
+        unmap(io);
+        close(io->memfd);
+    }
+    free(io);
+}
+
+DV_API void* dv_io_realloc(dv_io* io, size_t size)
+{
+    CHECK_IO(io, "cannot alloc incorrect dv_io %p");
+    dv_io_shm(io);
+    struct stat st;
+    (void)fstat(io->memfd, &st);
+    unmap(io);
+    if (ftruncate(io->memfd, static_cast<off_t>(size)) != 0)
+        dv_abort("[ABORT] @%s() ftruncate memory file fail: `%s'\n", "dv_io_realloc", "ftruncate(io->memfd, size) == 0");
+    lseek(io->memfd, 0, SEEK_END);
+    if (size == 0)
+        return nullptr;
+    void* map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, io->memfd, 0);
+    if (map == MAP_FAILED)
+        dv_abort("[ABORT] @%s() create memory map fail: `%s'\n", "dv_io_realloc", "io->shared_data != MAP_FAILED");
+    io->shared_data = map;
+    io->shared_size = size;
+    return map;
+}
+
+DV_API char* dv_io_read(dv_io* io, size_t* size)
+{
+    CHECK_IO(io, "cannot read incorrect dv_io %p");
+    resync(io);
+    if (size)
+        *size = io->shared_size;
+    return static_cast<char*>(io->shared_data);
+}
+
+DV_API ssize_t dv_io_write(dv_io* io, const void* buf, size_t len)
+{
+    CHECK_IO(io, "cannot read incorrect dv_io %p");
+    dv_io_shm(io);
+    return write(io->memfd, buf, len);
+}
+
+DV_API ssize_t dv_io_splice(dv_io* io, int fdin, size_t len)
+{
+    CHECK_IO(io, "cannot read incorrect dv_io %p");
+    dv_io_shm(io);
+    return splice(fdin, nullptr, io->memfd, nullptr, len, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+}
+
+DV_API void dv_io_printf(dv_io* io, const char* fmt, ...)
+{
+    CHECK_IO(io, "cannot printf incorrect dv_io %p");
+    dv_io_shm(io);
+    va_list ap;
+    va_start(ap, fmt);
+    vdprintf(io->memfd, fmt, ap);
+    va_end(ap);
+}
+
+DV_API int dv_io_pid(dv_io* io)
+{
+    CHECK_IO(io, "cannot fetch incorrect dv_io %p pid");
+    return io->pid;
+}
+
+DV_API int dv_io_uid(dv_io* io)
+{
+    CHECK_IO(io, "cannot fetch incorrect dv_io %p uid");
+    return static_cast<int>(io->uid);
+}
+
+DV_API int dv_io_gid(dv_io* io)
+{
+    CHECK_IO(io, "cannot fetch incorrect dv_io %p gid");
+    return static_cast<int>(io->gid);
+}
+
+DV_API void dv_io_set(dv_io* io, void* data)
+{
+    CHECK_IO(io, "cannot attach incorrect dv_io %p");
+    io->data = data;
+}
+
+DV_API void* dv_io_get(dv_io* io)
+{
+    CHECK_IO(io, "cannot detach incorrect dv_io %p");
+    return io->data;
+}
+
+DV_API int dv_io_alive(dv_io* io)
+{
+    CHECK_IO(io, "cannot check incorrect dv_io %p alive");
+    if (io->pid == 0)
+        return 1;
+    // A waiting client never writes while its request runs, so a readable
+    // socket means it hung up. poll, unlike select, has no descriptor limit.
+    struct pollfd p = {io->sockfd, POLLIN, 0};
+    int n = poll(&p, 1, 0);
+    if (n < 0)
+        return 0;
+    if (n == 0)
+        return 1;
+    return (p.revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) ? 0 : 1;
+}
+
+DV_API size_t dv_io_size(dv_io* io)
+{
+    if (io->memfd == -1)
+        return 0;
+    struct stat st;
+    if (fstat(io->memfd, &st) != 0)
+        return 0;
+    return static_cast<size_t>(st.st_size);
+}
+
+DV_API int dv_io_fileno(dv_io* io)
+{
+    dv_io_shm(io);
+    return io->memfd;
+}
+
+DV_API int dv_io_dup(dv_io* io)
+{
+    dv_io_shm(io);
+    return dup(io->memfd);
+}
+
+DV_API int dv_io_dup2(dv_io* io, int newfd)
+{
+    dv_io_shm(io);
+    return dup2(io->memfd, newfd);
+}
+
+DV_API int dv_io_dup3(dv_io* io, int newfd, int flags)
+{
+    dv_io_shm(io);
+    return dup3(io->memfd, newfd, flags);
+}
+
+DV_API FILE* dv_io_fopen(dv_io* io, const char* mode)
+{
+    dv_io_shm(io);
+    char path[4096];
+    snprintf(path, sizeof(path), "/proc/self/fd/%d", io->memfd);
+    return fopen(path, mode);
+}
+
+DV_API FILE* dv_io_freopen(dv_io* io, const char* mode, FILE* stream)
+{
+    dv_io_shm(io);
+    char path[4096];
+    snprintf(path, sizeof(path), "/proc/self/fd/%d", io->memfd);
+    return freopen(path, mode, stream);
+}
+
+DV_API void dv_io_sync(dv_io* io)
+{
+    resync(io);
+}
+
+}  // extern "C"

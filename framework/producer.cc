@@ -1,1 +1,351 @@
-// placeholder
+// The producer: accepts clients, queues them first come first served, and
+// hands each to an idle consumer. It never blocks on a consumer.
+#include <errno.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "internal.h"
+
+namespace {
+
+// Client entries removed while a batch of events is being handled may still
+// be named by a later event of the same batch; they are marked (socket 0)
+// and freed only after the batch.
+struct graveyard {
+    dv_client* head = nullptr;
+    void bury(dv_client* c)
+    {
+        c->queue.sockfd = 0;
+        c->next = head;
+        head = c;
+    }
+    void clear()
+    {
+        while (head) {
+            dv_client* next = head->next;
+            free(head);
+            head = next;
+        }
+    }
+};
+
+void unlink_client(dv_worker* producer, dv_client* c)
+{
+    if (c->prev)
+        c->prev->next = c->next;
+    else
+        producer->clients.head = c->next;
+    if (c->next)
+        c->next->prev = c->prev;
+    else
+        producer->clients.tail = c->prev;
+    c->prev = c->next = nullptr;
+    producer->waiting--;
+}
+
+void drop_client(dv_worker* producer, dv_client* c, graveyard& dead)
+{
+    int fd = c->queue.sockfd;
+    epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, fd, nullptr);
+    shutdown(fd, SHUT_RDWR);
+    close(fd);
+    unlink_client(producer, c);
+    dead.bury(c);
+}
+
+void refuse(int fd, uint8_t type)
+{
+    dv_send_directive_type(fd, type);
+    shutdown(fd, SHUT_RDWR);
+    close(fd);
+}
+
+void restart_if_dead(dv_handle* h, dv_worker* producer, dv_worker* w)
+{
+    int status = 0;
+    pid_t r = waitpid(w->id.pid, &status, WNOHANG);
+    if (r == 0)
+        return;
+    const char* how = "WIFEXITED";
+    int value = WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) {
+        how = "WIFSIGNALED";
+        value = WTERMSIG(status);
+    } else if (WIFSTOPPED(status)) {
+        how = "WIFSTOPPED";
+        value = WSTOPSIG(status);
+    }
+    fprintf(stderr, "[Dovel] [WARN] [%s] consumer-worker[%zu].pid=%d %s=%d, restart it.\n", h->name, w->index,
+            static_cast<int>(w->id.pid), how, value);
+    w->idle = 1;
+    epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, w->queue.sockfd, nullptr);
+    dv_close_worker_fds(w);
+    dv_consumer_worker_init(h, producer, w, w->index, false);
+    // Events already fetched for the old socket pair must not be applied to
+    // the new one: the rest of the batch is dropped (epoll is level-triggered,
+    // so anything still pending is reported again).
+    producer->restarted = true;
+}
+
+// Hands waiting clients to idle consumers, round robin, while both exist.
+void dispatch(dv_worker* producer, graveyard& dead)
+{
+    dv_handle* h = producer->handle;
+    while (producer->clients.head && !__atomic_load_n(&h->stopping, __ATOMIC_RELAXED)) {
+        size_t n = h->service_size;
+        dv_worker* chosen = nullptr;
+        for (size_t k = 1; k <= n; k++) {
+            dv_worker* w = &h->worker[(producer->last_chosen + k) % n];
+            // Only plain process mode restarts its consumers; a standalone
+            // process service deliberately does not.
+            if (w->mode == DV_PROCESS_MODE) {
+                // dv_stop reads the records once it has set stopping under
+                // this lock; a restart must not overlap that.
+                pthread_mutex_lock(&h->run_lock);
+                if (!__atomic_load_n(&h->stopping, __ATOMIC_RELAXED))
+                    restart_if_dead(h, producer, w);
+                pthread_mutex_unlock(&h->run_lock);
+            }
+            if (!chosen && w->idle)
+                chosen = w;
+        }
+        if (!chosen)
+            return;
+
+        dv_client* c = producer->clients.head;
+        int fd = c->queue.sockfd;
+        dv_directive d;
+        memset(&d, 0, sizeof(d));
+        d.type = DV_DIRECTIVE_TRANSFER;
+        memcpy(d.data, &fd, sizeof(fd));
+        bool sent = dv_send_directive(chosen->sockfd[1], &d) && dv_send_fd(chosen->sockfd[1], fd);
+        producer->last_chosen = chosen->index;
+        epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, fd, nullptr);
+        unlink_client(producer, c);
+        dead.bury(c);
+        if (sent) {
+            // Our copy is closed when the consumer echoes the transfer. A
+            // consumer that dies before echoing leaks this one descriptor;
+            // that costs one descriptor per consumer death, and a restart
+            // only happens after such a death, so the loss stays bounded.
+            chosen->idle = 0;
+            chosen->handed = fd;
+        } else {
+            shutdown(fd, SHUT_RDWR);
+            close(fd);
+        }
+    }
+}
+
+void accept_client(dv_worker* producer, graveyard& dead)
+{
+    dv_handle* h = producer->handle;
+    int fd = accept4(producer->queue.sockfd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0)
+        return;
+    bool paused = __atomic_load_n(&h->paused, __ATOMIC_RELAXED);
+    if (producer->waiting > DV_MAX_WAITING_CLIENTS - 1 || paused) {
+        refuse(fd, paused ? DV_DIRECTIVE_PAUSED : DV_DIRECTIVE_BUSY);
+        return;
+    }
+    dv_client* c = static_cast<dv_client*>(calloc(1, sizeof(dv_client)));
+    if (!c) {
+        shutdown(fd, SHUT_RDWR);
+        close(fd);
+        return;
+    }
+    c->queue.type = CLIENT_SOCK;
+    c->queue.sockfd = fd;
+    struct epoll_event ev;
+    memset(&ev, 0, sizeof(ev));
+    ev.events = DV_EVENTS_WAITING;
+    ev.data.ptr = &c->queue;
+    if (epoll_ctl(producer->pollfd, EPOLL_CTL_ADD, fd, &ev) != 0) {
+        shutdown(fd, SHUT_RDWR);
+        close(fd);
+        free(c);
+        return;
+    }
+    c->prev = producer->clients.tail;
+    if (producer->clients.tail)
+        producer->clients.tail->next = c;
+    else
+        producer->clients.head = c;
+    producer->clients.tail = c;
+    producer->waiting++;
+    dispatch(producer, dead);
+}
+
+void consumer_directive(dv_worker* producer, dv_event_queue* q, graveyard& dead)
+{
+    dv_handle* h = producer->handle;
+    dv_directive d;
+    if (!dv_read_directive(q->sockfd, &d))
+        dv_abort("[ABORT] @%s() producer-worker receive consumer_worker directive fail: `%s'\n", "dv_producer_worker",
+                 "read(event_queue->sockfd, &directive, sizeof(directive)) == sizeof(directive)");
+    if (d.type == DV_DIRECTIVE_TRANSFER) {
+        int fd;
+        memcpy(&fd, d.data, sizeof(fd));
+        if (fd < 0)
+            dv_abort("[ABORT] @%s() producer-worker transfer client sockfd fail: `%s'\n", "dv_producer_worker",
+                     "*((int*)&directive.data) >= 0");
+        close(fd);
+        for (size_t i = 0; i < h->service_size; i++)
+            if (h->worker[i].handed == fd)
+                h->worker[i].handed = -1;
+        return;
+    }
+    if (d.type == DV_DIRECTIVE_READY) {
+        uint64_t index;
+        memcpy(&index, d.data, sizeof(index));
+        if (index < h->service_size) {
+            h->worker[index].idle = 1;
+            dispatch(producer, dead);
+        }
+        return;
+    }
+    dispatch(producer, dead);
+}
+
+}  // namespace
+
+void dv_producer_worker_init(dv_handle* h, dv_worker* producer)
+{
+    producer->index = h->service_size;
+    producer->pollfd = -1;
+    producer->sockfd[0] = producer->sockfd[1] = -1;
+    producer->idle = 1;
+    producer->exec = h->exec;
+    producer->handle = h;
+    producer->client = -1;
+
+    struct stat st;
+    if (lstat(h->sockfile, &st) != 0) {
+        std::string parent = h->sockfile;
+        size_t slash = parent.rfind('/');
+        if (slash != std::string::npos && slash > 0) {
+            parent.resize(slash);
+            mkdir(parent.c_str(), 0755);
+        }
+    } else if (!S_ISSOCK(st.st_mode)) {
+        dv_abort("[ABORT] @%s() %s is not a sock file: `%s'\n", "dv_producer_worker_init", h->sockfile,
+                 "S_ISSOCK(st.st_mode)");
+    }
+    unlink(h->sockfile);
+
+    producer->sockfd[1] = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (!(producer->sockfd[1] >= 0 && set_fd_cloexec(producer->sockfd[1])))
+        dv_abort("[ABORT] @%s() producer-worker create listen socket fail: `%s'\n", "dv_producer_worker_init",
+                 "(producer_worker->sockfd[1] = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && "
+                 "set_fd_cloexec(producer_worker->sockfd[1])");
+    producer->queue.type = LISTEN_SOCK;
+    producer->queue.sockfd = producer->sockfd[1];
+
+    struct sockaddr_un addr;
+    memset(&addr, 0, sizeof(addr));
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", h->sockfile);
+    if (bind(producer->sockfd[1], reinterpret_cast<struct sockaddr*>(&addr), sizeof(struct sockaddr_un)) != 0)
+        dv_abort("[ABORT] @%s() producer-worker bind listen socket fail: `%s'\n", "dv_producer_worker_init",
+                 "bind(producer_worker->sockfd[1], (struct sockaddr *) &sockaddr, sizeof(struct sockaddr_un)) == 0");
+    producer->pollfd = epoll_create1(EPOLL_CLOEXEC);
+    if (!(producer->pollfd >= 0 && set_fd_cloexec(producer->pollfd)))
+        dv_abort("[ABORT] @%s() producer-worker create epoll fail: `%s'\n", "dv_producer_worker_init",
+                 "(producer_worker->pollfd = epoll_create(1)) >= 0 && set_fd_cloexec(producer_worker->pollfd)");
+    if (listen(producer->queue.sockfd, SOMAXCONN) != 0)
+        dv_abort("[ABORT] @%s() producer-worker listen socket fail: `%s'\n", "dv_producer_worker_init",
+                 "listen(producer_worker->queue.sockfd, SOMAXCONN) == 0");
+    if (chmod(h->sockfile, 0777) != 0)
+        dv_abort("[ABORT] @%s() producer-worker change socket file mode fail: `%s'\n", "dv_producer_worker_init",
+                 "chmod(service_handle->sockfile, 0777) == 0");
+    struct epoll_event ev;
+    memset(&ev, 0, sizeof(ev));
+    ev.events = DV_EVENTS;
+    ev.data.ptr = &producer->queue;
+    if (epoll_ctl(producer->pollfd, EPOLL_CTL_ADD, producer->queue.sockfd, &ev) != 0)
+        dv_abort("[ABORT] @%s() producer-worker epoll add listen sockfd fail: `%s'\n", "dv_producer_worker_init",
+                 "epoll_ctl(producer_worker->pollfd, EPOLL_CTL_ADD, producer_worker->queue.sockfd, ev) == 0");
+}
+
+void dv_producer_worker(dv_worker* producer)
+{
+    dv_handle* h = producer->handle;
+    graveyard dead;
+    struct epoll_event events[64];
+    for (;;) {
+        int n;
+        do {
+            n = epoll_wait(producer->pollfd, events, 64, -1);
+        } while (n < 0 && errno == EINTR);
+        if (n < 1 || __atomic_load_n(&h->stopping, __ATOMIC_RELAXED))
+            break;
+        bool ending = false;
+        for (int i = 0; i < n && !ending; i++) {
+            dv_event_queue* q = static_cast<dv_event_queue*>(events[i].data.ptr);
+            if (!q || q->sockfd == 0)
+                continue;
+            uint32_t mask = events[i].events;
+            if (mask == DV_EVENTS_GONE) {
+                if (q->type == CLIENT_SOCK)
+                    drop_client(producer, reinterpret_cast<dv_client*>(q), dead);
+                else
+                    ending = true;  // the listening socket or a consumer is gone: the service is ending
+                continue;
+            }
+            if ((mask & (EPOLLERR | EPOLLHUP)) || !(mask & EPOLLIN)) {
+                if (q->type != CLIENT_SOCK)
+                    dv_abort("[ABORT] @%s() get non-client socket execption %d: `%s'\n", "dv_producer_worker",
+                             static_cast<int>(q->type), "event_queue->type == CLIENT_SOCK");
+                drop_client(producer, reinterpret_cast<dv_client*>(q), dead);
+                continue;
+            }
+            switch (q->type) {
+            case LISTEN_SOCK:
+                accept_client(producer, dead);
+                break;
+            case CONSUMER_SOCK:
+                consumer_directive(producer, q, dead);
+                break;
+            default:
+                dispatch(producer, dead);
+                break;
+            }
+            if (producer->restarted) {
+                producer->restarted = false;
+                break;
+            }
+        }
+        dead.clear();
+        if (ending)
+            break;
+    }
+
+    while (dv_client* c = producer->clients.head)
+        drop_client(producer, c, dead);
+    dead.clear();
+    // Hand-overs whose echo we will no longer read.
+    for (size_t i = 0; i < h->service_size; i++) {
+        if (h->worker[i].handed >= 0) {
+            close(h->worker[i].handed);
+            h->worker[i].handed = -1;
+        }
+    }
+    if (producer->pollfd >= 0) {
+        close(producer->pollfd);
+        producer->pollfd = -1;
+    }
+}
+
+void* dv_producer_worker_thread(void* arg)
+{
+    dv_producer_worker(static_cast<dv_worker*>(arg));
+    pthread_exit(nullptr);
+}

@@ -137,6 +137,11 @@ typedef struct dv_handle {
     dv_hook_fn worker_fini;
     void* worker_fini_arg;
     dv_worker* worker;
+    /* Private: lets dv_stop wait for a dv_start that runs the producer in
+     * its caller's thread, so that dv_free never pulls the handle from under it. */
+    pthread_mutex_t run_lock;
+    pthread_cond_t run_cond;
+    u_int32_t run_state;
 } dv_handle;
 
 DV_API dv_handle* dv_create(const char* name, u_int32_t mode, size_t workers, dv_exec_fn exec);

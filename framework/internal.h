@@ -1,0 +1,122 @@
+// Private to libdv: the worker records, the wire helpers and the abort line
+// that every precondition failure prints.
+#pragma once
+
+#include <sys/epoll.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "dv.h"
+
+// Prints one "[ABORT] @fn() ...: `cond'" line (fmt carries the whole text)
+// and aborts. Never returns.
+[[noreturn]] void dv_abort(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// The framework's historical close-on-exec helper: it ORs bit value 1 into
+// the status flags with F_SETFL, which the kernel ignores. Kept so that the
+// checks that call it behave as they always have; real close-on-exec comes
+// from SOCK_CLOEXEC, EPOLL_CLOEXEC, MFD_CLOEXEC and MSG_CMSG_CLOEXEC at
+// creation. Returns true when both fcntl calls succeed.
+bool set_fd_cloexec(int fd);
+
+// Creates the message object's memory file when it has none yet.
+void dv_io_shm(dv_io* io);
+
+// Closes every descriptor above 3 (a forked consumer keeps only 0-3).
+void close_fds();
+
+// Event masks of the producer's and consumers' epoll sets.
+inline constexpr uint32_t DV_EVENTS = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP;  // 0x2019
+inline constexpr uint32_t DV_EVENTS_WAITING = EPOLLERR | EPOLLHUP;                 // 0x18
+inline constexpr uint32_t DV_EVENTS_GONE = EPOLLIN | EPOLLHUP | EPOLLRDHUP;        // 0x2011
+
+// A client that a consumer accepted must have sent its whole request within
+// this time, so that silent connections cannot hold every consumer.
+inline constexpr int DV_REQUEST_DEADLINE_MS = 10 * 1000;
+
+// Requests are small JSON texts; a memory file beyond this is refused rather
+// than mapped.
+inline constexpr unsigned long long DV_MAX_REQUEST_SIZE = 64ULL << 20;
+
+// ------------------------------------------------------------- wire helpers
+
+// One directive with MSG_DONTWAIT|MSG_NOSIGNAL; true when all 259 bytes went.
+bool dv_send_directive(int sockfd, const dv_directive* directive);
+bool dv_send_directive_type(int sockfd, uint8_t type);
+// One read of 259 bytes; true only for a whole directive.
+bool dv_read_directive(int sockfd, dv_directive* directive);
+
+// The descriptor message: one zero byte carrying exactly one descriptor.
+bool dv_send_fd(int sockfd, int fd);
+// Receives one descriptor message; returns the descriptor (close-on-exec,
+// owned by the caller) or -1. Anything unexpected in the control data (other
+// levels or types, several descriptors, truncation) is closed and fails.
+int dv_recv_fd(int sockfd);
+
+// ----------------------------------------------------------------- workers
+
+enum dv_queue_type : uint32_t {
+    LISTEN_SOCK = 1,
+    CONSUMER_SOCK = 2,
+    CLIENT_SOCK = 3,
+};
+
+// What the producer registers in its epoll set (event data points at it).
+struct dv_event_queue {
+    uint32_t type;
+    int sockfd;
+};
+
+// A client waiting in the producer's queue, first come first served.
+struct dv_client {
+    dv_event_queue queue;  // type CLIENT_SOCK; first so the epoll pointer casts
+    dv_client* prev;
+    dv_client* next;
+};
+
+struct dv_worker {
+    u_int8_t idle;
+    int pollfd;
+    int sockfd[2];
+    size_t index;
+    union {
+        pid_t pid;
+        pthread_t tid;
+    } id;
+    u_int32_t mode;
+    dv_exec_fn exec;
+    dv_hook_fn worker_init;
+    void* worker_init_arg;
+    dv_hook_fn worker_fini;
+    void* worker_fini_arg;
+    dv_event_queue queue;
+    struct {
+        dv_client* head;
+        dv_client* tail;
+    } clients;
+
+    // Not part of the historical record, needed to do the job safely.
+    dv_handle* handle;
+    size_t waiting;        // producer: number of queued clients
+    size_t last_chosen;    // producer: round-robin position
+    int client;            // consumer: the client it holds, or -1
+    bool restarted;        // producer: a consumer was restarted during this batch of events
+    int handed;            // consumer record: the producer's copy of the client handed over, until echoed
+};
+
+void dv_producer_worker_init(dv_handle* service_handle, dv_worker* producer);
+void dv_consumer_worker_init(dv_handle* service_handle, dv_worker* producer, dv_worker* worker, size_t index,
+                             bool first_start);
+void dv_producer_worker(dv_worker* producer);
+void* dv_producer_worker_thread(void* arg);
+void* dv_consumer_worker(void* arg);
+
+// Thread attributes shared by consumers and a standalone producer.
+void dv_worker_thread_attr(pthread_attr_t* attr);
+
+// Sends stop to every consumer and waits for each; closes what is left of
+// their records. Used by dv_stop and by a producer that ends on its own.
+void dv_stop_consumers(dv_handle* service_handle);
+void dv_close_worker_fds(dv_worker* worker);

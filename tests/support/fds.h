@@ -1,0 +1,12 @@
+// Looking at the test process's open descriptors, to prove that nothing
+// leaks and that children inherit nothing they should not.
+#pragma once
+
+#include <vector>
+
+// The descriptors listed in /proc/self/fd, without the one used to list them.
+std::vector<int> open_fds();
+int count_open_fds();
+
+// Those of open_fds() that a child would inherit (no FD_CLOEXEC).
+std::vector<int> inheritable_fds();

@@ -1,0 +1,46 @@
+// A client that speaks the directive protocol by hand, step by step, so tests
+// can drive a service exactly and misbehave on purpose at any point.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "dv.h"
+
+class RawClient {
+public:
+    RawClient() = default;
+    ~RawClient();
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
+
+    bool connect_to(const std::string& sockfile);
+    int fd() const { return fd_; }
+    void close_now();
+
+    // Waits up to timeout_ms for one whole directive; false on timeout,
+    // hang-up or a short read.
+    bool read_directive(dv_directive& d, int timeout_ms = 5000);
+    // The type of the next directive, or -1 (timeout or hang-up).
+    int next_type(int timeout_ms = 5000);
+    bool send_directive(uint8_t type, uint8_t flags = 0, const std::string& data = "");
+    bool send_bytes(const void* data, size_t len);
+    bool send_fd(int fd);
+    // True when the peer has closed the connection within timeout_ms.
+    bool closed_by_peer(int timeout_ms = 5000);
+
+private:
+    int fd_ = -1;
+};
+
+// A memory file holding text, as a caller would send it (owned by the caller).
+int make_request_memfd(const std::string& text);
+// The whole content of a descriptor's file from offset 0.
+std::string read_fd_text(int fd);
+
+// One complete request by hand: connect, wait for the accept, send the name,
+// the memory file and maybe an extra descriptor, wait for the reply. Returns
+// the reply text, or nothing (then *failed_type, if given, holds the last
+// directive type seen or -1).
+std::optional<std::string> raw_call(const std::string& sockfile, const std::string& name, const std::string& request,
+                                    int extra_fd = -1, int* failed_type = nullptr);
