@@ -51,6 +51,22 @@ inline constexpr const char PATH_IP_BAN_LIST[] = "/etc/default_config/apache/ext
 inline constexpr const char PATH_REVERSEPROXY_EXTRA_DIR[] = "/etc/reverseproxy_vexpro/extra/";
 inline constexpr const char PATH_SENDMAIL_SPOOL_DIR[] = "/tmp/vexpro_sendmail";
 inline constexpr const char PATH_SENDMAIL_LOG_DIR[] = "/tmp/.vexpro_log";
+inline constexpr const char PATH_SENDMAIL_LOG[] = "/tmp/.vexpro_log/sendmail.log";
+inline constexpr const char PATH_SENDMAIL_CONF_COPY[] = "/tmp/.vexpro_log/sendmail.conf";
+inline constexpr const char PATH_SENDMAIL_CONTENT_COPY[] = "/tmp/.vexpro_log/sendmail.content";
+inline constexpr const char PATH_SENDMAIL_DBG[] = "/tmp/.vexpro_log/sendmail.dbg";
+
+// Relative to an app's Install_Path, read from the package registry. The
+// joined path is a platform path like the others: prefix it before use.
+inline constexpr const char PATH_APP_LOG_SUBDIR[] = ".log";
+inline constexpr const char PATH_APP_NC_WRAPPER[] = "script/nc_wrapper.sh";
+inline constexpr const char PATH_APP_NOTIFY_SCRIPT[] = "vexpro_notify.sh";
+inline constexpr const char PATH_APP_APPCENTER_SCRIPT[] = "script/operate_appboxcenter_app.sh";
+inline constexpr const char PATH_CMV_CLI[] = "bin/conf_get"; // under the media viewer's Install_Path
+
+// The system's own programs: run as they are, never under the platform root.
+inline constexpr const char PATH_BIN_SH[] = "/bin/sh";
+inline constexpr const char PATH_BIN_MV[] = "/bin/mv";
 
 // Passed to platform programs as arguments only.
 inline constexpr const char PATH_ANALYTIC_DIR[] = "/share/DATAVOL1/.@analytic";

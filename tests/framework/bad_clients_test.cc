@@ -15,6 +15,7 @@
 #include "dv.h"
 #include "support/fds.h"
 #include "support/raw_client.h"
+#include "support/settle.h"
 #include "support/tempdir.h"
 #include "support/test_service.h"
 
@@ -28,33 +29,6 @@ void counting_exec(const char* name, dv_io* io, int fd)
 {
     calls++;
     echo_exec(name, io, fd);
-}
-
-// Descriptors are released by the worker threads a moment after the client
-// sees the hang-up; wait for the count to settle.
-bool fd_count_returns_to(int expected)
-{
-    for (int i = 0; i < 200; i++) {
-        if (count_open_fds() == expected)
-            return true;
-        std::this_thread::sleep_for(5ms);
-    }
-    return false;
-}
-
-// The producer closes its copy of a handed-over client only when the
-// consumer echoes the transfer, so right after a call the count may still
-// be settling.
-int settled_fd_count()
-{
-    int last = count_open_fds(), same = 0;
-    while (same < 5) {
-        std::this_thread::sleep_for(5ms);
-        int now = count_open_fds();
-        same = now == last ? same + 1 : 0;
-        last = now;
-    }
-    return last;
 }
 
 struct Misbehaviour {
@@ -192,7 +166,7 @@ TEST(BadClients, AreDroppedWithoutACallAndWithoutLeaks)
             ASSERT_TRUE(c.connect_to(svc.sockfile()));
             m.act(c);
         }
-        EXPECT_TRUE(fd_count_returns_to(before)) << count_open_fds() << " open, " << before << " before";
+        EXPECT_TRUE(eventually([&] { return count_open_fds() == before; })) << count_open_fds() << " open, " << before << " before";
         EXPECT_EQ(calls.load(), 0);
         // The service is unharmed: both consumers still answer.
         for (int i = 0; i < 3; i++)

@@ -1,0 +1,163 @@
+// SimRoot: making, reading, steering and removing a simulated platform root.
+#include "support/sim_root.h"
+
+#include "platform/sim/fields.h"
+#include "platform/sim/simlib.h"
+#include "support/config.h"
+#include "support/files.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <spawn.h>
+#include <stdexcept>
+#include <sys/wait.h>
+
+extern char** environ;
+
+namespace fs = std::filesystem;
+
+SimRoot::SimRoot() : root_(dir_.path())
+{
+    make();
+}
+
+SimRoot::~SimRoot()
+{
+    // A test may have taken write permission away to provoke failures; the
+    // temporary directory's removal needs it back.
+    std::error_code ec;
+    for (auto it = fs::recursive_directory_iterator(root_, ec); !ec && it != fs::recursive_directory_iterator();
+         it.increment(ec))
+        if (it->is_directory(ec) && !it->is_symlink(ec))
+            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
+}
+
+void SimRoot::make()
+{
+    std::string script = source_dir() + "/platform/sim/make-root";
+    std::string build = binary_dir();
+    std::string option = "--build";
+    std::vector<char*> argv = {script.data(), root_.data(), option.data(), build.data(), nullptr};
+    pid_t pid = 0;
+    if (posix_spawn(&pid, script.c_str(), nullptr, nullptr, argv.data(), environ) != 0)
+        throw std::runtime_error("cannot run " + script);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        throw std::runtime_error("make-root " + root_ + " failed");
+}
+
+std::string SimRoot::abs(const std::string& platform_path) const
+{
+    return root_ + platform_path;
+}
+
+void SimRoot::make_current()
+{
+    env_.reset();
+    env_.emplace("VEXPROD_PLATFORM_ROOT", root_.c_str());
+}
+
+void SimRoot::reset()
+{
+    make();
+}
+
+std::vector<SimCall> SimRoot::calls() const
+{
+    std::vector<SimCall> out;
+    const std::string text = read_text_file(abs(sim::JOURNAL));
+    std::vector<std::string> f;
+    for (std::size_t start = 0, end; start < text.size(); start = end + 1) {
+        end = text.find('\n', start);
+        if (end == std::string::npos)
+            throw std::runtime_error("unterminated journal line: " + text.substr(start));
+        const std::string line = text.substr(start, end - start);
+        std::size_t n = 0;
+        bool ok = sim::split_fields(line, f) && f.size() >= 2 && !f[1].empty() &&
+                  f[1].find_first_not_of("0123456789") == std::string::npos;
+        if (ok) {
+            n = std::stoul(f[1]);
+            ok = f.size() == n + 2 || f.size() == n + 3;
+        }
+        if (!ok)
+            throw std::runtime_error("malformed journal line: " + line);
+        SimCall call{f[0], std::vector<std::string>(f.begin() + 2, f.begin() + 2 + n), std::nullopt};
+        if (f.size() == n + 3)
+            call.input = f.back();
+        out.push_back(std::move(call));
+    }
+    return out;
+}
+
+std::vector<SimCall> SimRoot::calls(const std::string& who) const
+{
+    std::vector<SimCall> all = calls(), some;
+    for (SimCall& c : all)
+        if (c.who == who)
+            some.push_back(std::move(c));
+    return some;
+}
+
+void SimRoot::clear_calls()
+{
+    write_file(sim::JOURNAL, "");
+}
+
+void SimRoot::set_output(const std::string& program, const std::string& text)
+{
+    write_file(sim::STEER_DIR + program + ".out", text);
+}
+
+void SimRoot::set_stderr(const std::string& program, const std::string& text)
+{
+    write_file(sim::STEER_DIR + program + ".err", text);
+}
+
+void SimRoot::set_exit(const std::string& program, int status)
+{
+    write_file(sim::STEER_DIR + program + ".exit", std::to_string(status) + "\n");
+}
+
+void SimRoot::set_delay_ms(const std::string& program, int ms)
+{
+    write_file(sim::STEER_DIR + program + ".delay", std::to_string(ms) + "\n");
+}
+
+void SimRoot::add_program(const std::string& platform_path)
+{
+    const std::string stub = abs(std::string(sim::STATE_DIR) + "/bin/vexprod-sim-stub");
+    fs::path target = abs(platform_path);
+    fs::create_directories(target.parent_path());
+    std::error_code ec;
+    fs::create_hard_link(stub, target, ec);
+    if (ec)
+        fs::copy_file(stub, target);
+}
+
+void SimRoot::write_file(const std::string& platform_path, const std::string& text)
+{
+    fs::path host = abs(platform_path);
+    fs::create_directories(host.parent_path());
+    if (!write_text_file(host, text))
+        throw std::runtime_error("cannot write " + platform_path + " in the simulated root");
+}
+
+std::string SimRoot::read_file(const std::string& platform_path) const
+{
+    if (!exists(platform_path))
+        throw std::runtime_error("no file " + platform_path + " in the simulated root");
+    return read_text_file(abs(platform_path));
+}
+
+bool SimRoot::exists(const std::string& platform_path) const
+{
+    return file_exists(abs(platform_path));
+}
+
+void SimRoot::remove(const std::string& platform_path)
+{
+    std::error_code ec;
+    fs::remove_all(abs(platform_path), ec);
+}
