@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <ctime>
 #include <cstring>
 
 #include "internal.h"
@@ -271,6 +272,27 @@ DV_API void dv_stop(dv_handle* service_handle)
         wait_for(h, RUN_FREED);
     }
     pthread_mutex_unlock(&h->run_lock);
+}
+
+DV_API int dv_wait_started(dv_handle* service_handle, unsigned timeout_ms)
+{
+    check_handle(service_handle, "dv_wait_started", "start");
+    dv_handle* h = service_handle;
+    struct timespec deadline;
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += timeout_ms / 1000;
+    deadline.tv_nsec += static_cast<long>(timeout_ms % 1000) * 1000000L;
+    if (deadline.tv_nsec >= 1000000000L) {
+        deadline.tv_sec++;
+        deadline.tv_nsec -= 1000000000L;
+    }
+    pthread_mutex_lock(&h->run_lock);
+    int rc = 0;
+    while (!(h->run_state & RUN_STARTED) && rc == 0)
+        rc = pthread_cond_timedwait(&h->run_cond, &h->run_lock, &deadline);
+    int started = (h->run_state & RUN_STARTED) ? 1 : 0;
+    pthread_mutex_unlock(&h->run_lock);
+    return started;
 }
 
 DV_API void dv_pause(dv_handle* service_handle)

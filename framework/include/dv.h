@@ -154,6 +154,14 @@ DV_API void dv_resume(dv_handle* service_handle);
 DV_API void dv_free(dv_handle* service_handle);
 
 /*
+ * Waits up to timeout_ms until dv_start has set the service up (its socket
+ * listens and every worker record exists). Returns 1 when it has, 0 on
+ * timeout. Lets a program that runs dv_start on a thread of its own make sure
+ * a later dv_stop/dv_free cannot overtake it.
+ */
+DV_API int dv_wait_started(dv_handle* service_handle, unsigned timeout_ms);
+
+/*
  * The directory of hashed socket files: $DV_SOCKET_DIR when set and non-empty,
  * else "/var/run/dv". Names beginning with '@' are paths and ignore it.
  */
