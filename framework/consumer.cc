@@ -151,15 +151,20 @@ void serve_request(consumer_state& s, const dv_directive& d)
         drop_client(w);
         return;
     }
+    dv_io* io = dv_io_create();
+    io->memfd = memfd;
+    if (!dv_io_map_request(io, DV_MAX_REQUEST_SIZE)) {
+        dv_io_free(io);
+        if (extra >= 0)
+            close(extra);
+        drop_client(w);
+        return;
+    }
     epoll_ctl(w->pollfd, EPOLL_CTL_DEL, client, nullptr);
     w->client = -1;
-
-    dv_io* io = dv_io_create();
     io->sockfd = client;
-    io->memfd = memfd;
     memcpy(io->name, d.data, sizeof(io->name) - 1);
     io->name[sizeof(io->name) - 1] = '\0';
-    dv_io_sync(io);
     struct ucred cred;
     socklen_t len = sizeof(cred);
     bool have_cred = getsockopt(client, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0;

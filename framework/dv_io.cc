@@ -73,6 +73,23 @@ void resync(dv_io* io)
 
 }  // namespace
 
+bool dv_io_map_request(dv_io* io, unsigned long long max_size)
+{
+    struct stat st;
+    lseek(io->memfd, 0, SEEK_END);
+    if (fstat(io->memfd, &st) != 0 || st.st_size < 0 || static_cast<unsigned long long>(st.st_size) > max_size)
+        return false;
+    unmap(io);
+    if (st.st_size == 0)
+        return true;
+    void* map = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, io->memfd, 0);
+    if (map == MAP_FAILED)
+        return false;
+    io->shared_data = map;
+    io->shared_size = static_cast<size_t>(st.st_size);
+    return true;
+}
+
 extern "C" {
 
 DV_API dv_io* dv_io_create(void)

@@ -24,6 +24,12 @@ bool set_fd_cloexec(int fd);
 // Creates the message object's memory file when it has none yet.
 void dv_io_shm(dv_io* io);
 
+// Maps a client's request file as dv_io_sync does, but fails instead of
+// aborting when the file is larger than max_size or cannot be mapped: the
+// client may resize its file at any moment, and that must cost it its
+// request, never the service.
+bool dv_io_map_request(dv_io* io, unsigned long long max_size);
+
 // Closes every descriptor above 3 (a forked consumer keeps only 0-3).
 void close_fds();
 
