@@ -1,0 +1,29 @@
+// The exec callbacks of the two services: look the command up in its table
+// and run the handler on a thread of its own, with the client's extra
+// descriptor (when it sent one) as the process's standard output.
+#pragma once
+
+#include <cstddef>
+
+#include "daemon/command_table.h"
+#include "dv.h"
+
+// What the handler thread receives; lives on the dispatcher's stack.
+struct T_THREAD_ARGS {
+    int fd;
+    dv_io* io;
+    const char* name;  // the table's own copy of the command name
+    command_handler_fn handler;
+};
+
+// "VexProServer-vexprod", over the table `handler`.
+void service_handler(const char* name, dv_io* io, int fd);
+// "VexProServer_send_mail-vexprod", over the table `sendmail_handler`.
+void sendmail_service_handler(const char* name, dv_io* io, int fd);
+
+// Thread entry: runs the record's handler, then ends the thread.
+void* pthread_callback_function(void* arg);
+
+// What both services do, over any table (tests use tables of their own).
+// Takes ownership of io and of fd.
+void dispatch_command(const T_COMMAND_ENTRY* table, size_t size, const char* name, dv_io* io, int fd);

@@ -1,0 +1,133 @@
+// The shared handler steps: request text, argument fetching, the input-error
+// and failure replies, reading a tool's output, and the app's registry values.
+#include "daemon/handler_kit.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "daemon/ini.h"
+#include "daemon/json.h"
+#include "daemon/log.h"
+#include "daemon/reply.h"
+#include "daemon/runner.h"
+#include "platform/paths.h"
+
+bool read_request_text(dv_io* io, std::string& text)
+{
+    if (!io || io->memfd < 0)
+        return false;
+    struct stat st;
+    if (fstat(io->memfd, &st) != 0 || st.st_size <= 0 || static_cast<unsigned long long>(st.st_size) > REQUEST_TEXT_MAX)
+        return false;
+
+    std::string buf(static_cast<size_t>(st.st_size), '\0');
+    size_t got = 0;
+    while (got < buf.size()) {
+        ssize_t n = pread(io->memfd, buf.data() + got, buf.size() - got, static_cast<off_t>(got));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return false;
+        if (n == 0)  // the client shrank its file meanwhile: take what there was
+            break;
+        got += static_cast<size_t>(n);
+    }
+    if (got == 0)
+        return false;
+    buf.resize(strnlen(buf.data(), got));
+    text = std::move(buf);
+    return true;
+}
+
+void set_input_error(Json::Value& reply)
+{
+    reply["error_msg"] = "input error";
+    reply["error_code"] = -1;
+}
+
+void set_parse_error(Json::Value& reply)
+{
+    reply["error_msg"] = "paser fail";
+    reply["error_code"] = -1;
+}
+
+void set_failure(Json::Value& reply, const char* text)
+{
+    reply["error_msg"] = text;
+    reply["result"] = -1;
+}
+
+bool fetch_request_args(dv_io* io, Json::Value& reply, std::initializer_list<RequestArg> args, Json::Value* root,
+                        const char* handler, int line)
+{
+    std::string text;
+    if (!read_request_text(io, text)) {
+        dbg_printf2("[%s][%d] dv_io input fail.", handler, line);
+        set_input_error(reply);
+        return false;
+    }
+    Json::Value parsed;
+    bool error = !json_parse(text, parsed);
+    if (!error)
+        for (const RequestArg& arg : args)
+            parser_param_from_json_str(parsed, arg.key, arg.out, arg.type, &error);
+    if (error) {
+        set_parse_error(reply);
+        return false;
+    }
+    if (root)
+        *root = std::move(parsed);
+    return true;
+}
+
+void send_reply(dv_io* io, const Json::Value& reply)
+{
+    dv_reply_json(json_write(reply), io);
+}
+
+bool read_tool_output(const char* program, std::initializer_list<const char*> args, std::string& output, int* status)
+{
+    const char* slash = strrchr(program, '/');
+    std::vector<const char*> argv;
+    argv.reserve(args.size() + 2);
+    argv.push_back(slash ? slash + 1 : program);
+    argv.insert(argv.end(), args.begin(), args.end());
+    argv.push_back(nullptr);
+
+    const std::string path = platform_path(program);
+    FILE* pipe = dwe_vexprod_tarsk_popen_v_v2(nullptr, nullptr, nullptr, "r", path.c_str(), argv.data());
+    if (!pipe)
+        return false;
+    char chunk[1024];
+    size_t n;
+    while ((n = fread(chunk, 1, sizeof(chunk) - 1, pipe)) > 0) {
+        chunk[n] = '\0';
+        output.append(chunk, strnlen(chunk, n));
+    }
+    int rc = dwe_vexprod_tarsk_pclose(pipe);
+    if (status)
+        *status = rc;
+    return true;
+}
+
+bool read_app_value(const char* key, std::string& value)
+{
+    std::string found;
+    if (!dv_get_ini_info(PATH_APPBOX_CONF, "VexProServer", key, found) || found.empty())
+        return false;
+    value = std::move(found);
+    return true;
+}
+
+bool app_control_script(std::string& path)
+{
+    std::string script;
+    if (!read_app_value("Shell", script) || script[0] != '/')
+        return false;
+    path = platform_path(script);
+    return true;
+}

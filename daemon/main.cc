@@ -1,0 +1,213 @@
+// dwe-dv-vexprod: the app's root service daemon. Finds the app's install
+// directory, logs beneath it, refuses to run twice, serves the command and
+// mail services and forwards the two message queues until SIGINT or SIGTERM.
+#include <pthread.h>
+#include <signal.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "daemon/dispatch.h"
+#include "daemon/ini.h"
+#include "daemon/log.h"
+#include "daemon/msgq.h"
+#include "daemon/queue_consumers.h"
+#include "daemon/reentry.h"
+#include "dv.h"
+#include "platform/paths.h"
+
+namespace {
+
+constexpr const char DV_SERVICE_NAME[] = "VexProServer-vexprod";
+constexpr const char DV_SEND_MAIL_SERVICE_NAME[] = "VexProServer_send_mail-vexprod";
+constexpr size_t DV_SERVER_THREAD_NUM = 2;
+constexpr size_t DV_SEND_MAIL_SERVER_THREAD_NUM = 5;
+// How long start-up waits for a service to be listening before it goes on.
+constexpr unsigned DV_START_WAIT_MS = 5000;
+
+bool g_IsDaemonize = false;
+volatile sig_atomic_t g_IsTerminate = 0;
+dv_handle* dv_service_handle = nullptr;
+dv_handle* dv_send_mail_service_handle = nullptr;
+T_MSGQ_service* msgq_obj = nullptr;
+T_MSGQ_service* log_msgq_obj = nullptr;
+
+pthread_mutex_t sleep_mtx = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t sleep_cond = PTHREAD_COND_INITIALIZER;
+struct timeval sleep_now;
+struct timespec sleep_timeout;
+
+void stop_service(int, siginfo_t*, void*)
+{
+    g_IsTerminate = 1;
+    pthread_mutex_lock(&sleep_mtx);
+    pthread_cond_signal(&sleep_cond);
+    pthread_mutex_unlock(&sleep_mtx);
+}
+
+void dump_backtrace_service(int, siginfo_t*, void*)
+{
+    vexprod_debug_backtrace_dump();
+    raise(SIGKILL);
+}
+
+void* pthread_dv_start(void*)
+{
+    DBG("dv_start.");
+    dv_start(dv_service_handle);
+    pthread_exit(nullptr);
+}
+
+void* pthread_dv_send_mail_start(void*)
+{
+    DBG("dv_send_mail_start.");
+    dv_start(dv_send_mail_service_handle);
+    pthread_exit(nullptr);
+}
+
+void start_detached(void* (*body)(void*))
+{
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, body, nullptr) == 0)
+        pthread_detach(thread);
+}
+
+// The stop handler takes sleep_mtx; the main thread keeps the stop signals
+// blocked while it holds that lock, so a signal delivered to it can never
+// deadlock on its own lock (another thread takes the signal instead).
+void sleep_until_terminated()
+{
+    sigset_t stop_signals, old;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    while (!g_IsTerminate) {
+        pthread_sigmask(SIG_BLOCK, &stop_signals, &old);
+        gettimeofday(&sleep_now, nullptr);
+        sleep_timeout.tv_sec = sleep_now.tv_sec + 10;
+        sleep_timeout.tv_nsec = sleep_now.tv_usec * 1000;
+        pthread_mutex_lock(&sleep_mtx);
+        if (!g_IsTerminate)
+            pthread_cond_timedwait(&sleep_cond, &sleep_mtx, &sleep_timeout);
+        pthread_mutex_unlock(&sleep_mtx);
+        pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    }
+}
+
+void stop_queue(T_MSGQ_service*& queue)
+{
+    if (!queue)
+        return;
+    queue->server_stop();
+    delete queue;
+    queue = nullptr;
+}
+
+[[noreturn]] void free_all_obj()
+{
+    dv_stop(dv_service_handle);
+    DBG("is_terminate");
+    stop_queue(msgq_obj);
+    stop_queue(log_msgq_obj);
+    dv_free(dv_service_handle);
+    dv_service_handle = nullptr;
+    // The mail service is left to process exit. Leave without running
+    // static destructors, which a mail request still in flight may need.
+    fflush(nullptr);
+    _exit(0);
+}
+
+void read_options(int argc, char** argv)
+{
+    opterr = 0;  // our own message below is the only one
+    int opt;
+    while ((opt = getopt(argc, argv, "dt")) != -1) {
+        switch (opt) {
+        case 'd':
+            g_IsDaemonize = true;
+            break;
+        case 't':
+            g_IsTerminate = 1;
+            break;
+        case '?':
+            fprintf(stderr, "Illegal option:-%c\n", isprint(optopt) ? optopt : '#');
+            break;
+        default:
+            fprintf(stderr, "Not supported option\n");
+            break;
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    unsetenv("LD_LIBRARY_PATH");
+
+    std::string install_path;
+    if (!dv_get_ini_info(PATH_APPBOX_CONF, "VexProServer", "Install_Path", install_path)) {
+        fprintf(stderr, "[%s][%d] get Install_Path fail.", "main", __LINE__);
+        exit(-1);
+    }
+    char log_dir[256];
+    snprintf(log_dir, sizeof(log_dir), "%s/.log", install_path.c_str());
+    log_set_dir(platform_path(log_dir).c_str());
+    DBG("dwe-dv-vexprod start, Server:%s.", DV_SERVICE_NAME);
+
+    if (dv_reentried(argv[0])) {
+        DBG("warning: re-entry.");
+        exit(-1);
+    }
+
+    dv_signal(SIGINT, stop_service);
+    dv_signal(SIGTERM, stop_service);
+    dv_signal(SIGSEGV, dump_backtrace_service);
+    dv_signal(SIGABRT, dump_backtrace_service);
+
+    read_options(argc, argv);
+    if (g_IsDaemonize)
+        (void)!daemon(0, 0);
+
+    dv_service_handle = dv_create(DV_SERVICE_NAME, DV_PTHREAD_MODE, DV_SERVER_THREAD_NUM, service_handler);
+    if (!dv_service_handle) {
+        DBG("dv_service_handle is NULL.");
+        exit(-2);
+    }
+    DBG("sock_name:%s.", dv_service_handle->sockfile);
+
+    dv_send_mail_service_handle =
+        dv_create(DV_SEND_MAIL_SERVICE_NAME, DV_PTHREAD_MODE, DV_SEND_MAIL_SERVER_THREAD_NUM, sendmail_service_handler);
+    if (!dv_send_mail_service_handle) {
+        DBG("dv_send_mail_service_handle is NULL.");
+        exit(-2);
+    }
+    DBG("send_mail_sock_name:%s, DV_SEND_MAIL_SERVER_THREAD_NUM:%d.", dv_send_mail_service_handle->sockfile,
+        static_cast<int>(DV_SEND_MAIL_SERVER_THREAD_NUM));
+
+    // The receivers are created with the stop signals blocked: a stop signal
+    // taken by one of them would only interrupt its msgrcv with an error line.
+    sigset_t stop_signals, old;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, &old);
+    msgq_obj = new T_MSGQ_service(NOTIFY_MSGQ_KEY, notify_handler, NOTIFY_MSG_SIZE);
+    msgq_obj->server_start();
+    log_msgq_obj = new T_MSGQ_service(EVENTLOG_MSGQ_KEY, eventlog_handler, EVENTLOG_MSG_SIZE);
+    log_msgq_obj->server_start();
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+
+    start_detached(pthread_dv_start);
+    start_detached(pthread_dv_send_mail_start);
+    // The services start on their own threads; a stop must not overtake them.
+    dv_wait_started(dv_service_handle, DV_START_WAIT_MS);
+    dv_wait_started(dv_send_mail_service_handle, DV_START_WAIT_MS);
+
+    sleep_until_terminated();
+    free_all_obj();
+}

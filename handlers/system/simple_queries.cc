@@ -1,0 +1,126 @@
+// Liveness tests, exec_cli, and the small platform queries and app controls
+// that take no arguments: local-display status, generic model, display name,
+// disabling the app and renewing its share folders.
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "daemon/exec_cli.h"
+#include "daemon/handler_kit.h"
+#include "daemon/ini.h"
+#include "daemon/log.h"
+#include "daemon/runner.h"
+#include "handlers/handlers.h"
+#include "platform/paths.h"
+
+namespace {
+
+// The app's control script with one action; true when it ran and exited 0.
+bool run_control_script(const char* action)
+{
+    std::string script;
+    if (!app_control_script(script))
+        return false;
+    return dwe_vexprod_tarsk_exec(nullptr, nullptr, nullptr, script.c_str(), action, nullptr) == 0;
+}
+
+}  // namespace
+
+void nox_test_handler(dv_io* io, int)
+{
+    Json::Value reply;
+    reply["handler"] = "test_handler";
+    reply["service"] = "VexProServer-vexprod";
+    send_reply(io, reply);
+}
+
+void nox_test_sendmail_srv_handler(dv_io* io, int)
+{
+    Json::Value reply;
+    reply["handler"] = "nox_test_sendmail_srv_handler";
+    reply["service"] = "VexProServer_send_mail-vexprod";
+    send_reply(io, reply);
+}
+
+void nox_exec_cli_handler(dv_io* io, int)
+{
+    Json::Value reply;
+    std::string request;
+    if (!read_request_text(io, request)) {
+        DBG("dv_io input fail.");
+        set_input_error(reply);
+        send_reply(io, reply);
+        return;
+    }
+    std::string output;
+    int code = exec_cli(request, &output);
+    reply["handler"] = "exec_cli_handler";
+    reply["service"] = "VexProServer-vexprod";
+    reply["error_code"] = code;
+    reply[code == 0 ? "result" : "error_msg"] = output;
+    send_reply(io, reply);
+}
+
+void nox_get_cfg_tvDeck_handler(dv_io* io, int)
+{
+    Json::Value reply;
+    std::string value;
+    long status = 0;  // no file, no key, or no number: the display is off
+    if (dv_get_ini_info(PATH_UI_CP_CONF, "CP_APP", "tvDeck", value))
+        status = strtol(value.c_str(), nullptr, 10);
+    reply["error_code"] = 0;
+    reply["tvDeck_Status"] = static_cast<Json::Int64>(status);
+    send_reply(io, reply);
+}
+
+void nox_is_generic_model_handler(dv_io* io, int)
+{
+    Json::Value reply;
+    struct stat st;
+    if (stat(platform_path(PATH_IS_GENERIC_MARKER).c_str(), &st) == 0) {
+        DBG("is generic.");
+        reply["result"] = 0;
+        reply["is_generic"] = 1;
+    } else {
+        // Callers read result -1 as "a normal model", not as an error.
+        DBG("normal.");
+        reply["result"] = -1;
+        reply["is_generic"] = 0;
+    }
+    send_reply(io, reply);
+}
+
+void nox_get_platform_display_name_handler(dv_io* io, int)
+{
+    Json::Value reply;
+    std::string name;
+    if (dv_get_ini_info(PATH_PLATFORM_CONF, "MISC", "DISPLAY_NAME", name)) {
+        reply["result"] = 0;
+        reply["platform_display_name"] = name;
+    } else {
+        set_failure(reply, "nox_get_platform_display_name_handler fail");
+    }
+    send_reply(io, reply);
+}
+
+void nox_system_call_vexpro_disable_handler(dv_io* io, int)
+{
+    Json::Value reply;
+    if (run_control_script("force_stop"))
+        reply["result"] = 0;
+    else
+        // The doubled "system" is the text callers match on.
+        set_failure(reply, "nox_system_system_call_vexpro_disable_handler fail");
+    send_reply(io, reply);
+}
+
+void nox_system_call_share_folder_renew_handler(dv_io* io, int)
+{
+    Json::Value reply;
+    if (run_control_script("share_folder_renew"))
+        reply["result"] = 0;
+    else
+        set_failure(reply, "nox_system_call_share_folder_renew_handler fail");
+    send_reply(io, reply);
+}
