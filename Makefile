@@ -22,7 +22,8 @@ build: configure
 test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 300
 
-demo: build
+demo: configure
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target dwe-dv-vexprod dv-call vexprod_sim >/dev/null
 	@platform/sim/demo $(BUILD_DIR)
 
 clean:

@@ -37,6 +37,7 @@ public:
 
     // The name the daemon runs under, and the path of that link.
     const std::string& program() const { return program_; }
+    std::string program_path() const { return bin_.file(program_); }
     const std::string& socket_dir() const { return sockets_.path(); }
     // The socket files of the two services.
     std::string command_socket() const;
