@@ -2,31 +2,11 @@
 // the program's output is captured in a private temporary file and returned.
 #include "daemon/exec_cli.h"
 
+#include "daemon/capture.h"
 #include "daemon/json.h"
-#include "daemon/runner.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <cstring>
 #include <new>
 #include <vector>
-
-namespace {
-
-// A fresh file only we can open, in $TMPDIR or /tmp; its name goes to the
-// runner, which truncates and fills it, and we read it back through fd.
-int make_capture_file(std::string& name)
-{
-    const char* dir = getenv("TMPDIR");
-    if (!dir || !*dir)
-        dir = "/tmp";
-    name = std::string(dir) + "/vexprod-exec_cli.XXXXXX";
-    return mkostemp(name.data(), O_CLOEXEC);
-}
-
-}  // namespace
 
 int exec_cli(std::string request, std::string* output)
 {
@@ -60,20 +40,14 @@ int exec_cli(std::string request, std::string* output)
         return -2;
     }
 
-    std::string capture;
-    int fd = make_capture_file(capture);
-    if (fd < 0) {
+    CapturedRun run;
+    if (!run_captured(argv[0], argv.data(), run, EXEC_CLI_OUTPUT_MAX)) {
         *output = "mkstemp fail.";
         return -1;
     }
-
-    dwe_vexprod_tarsk_exec_v(capture.c_str(), nullptr, nullptr, argv[0], argv.data());
-
-    char buf[EXEC_CLI_OUTPUT_MAX];
-    ssize_t got = pread(fd, buf, sizeof(buf), 0);
-    if (got > 0)
-        output->assign(buf, strnlen(buf, static_cast<size_t>(got)));
-    close(fd);
-    unlink(capture.c_str());
+    // The program's own exit status is not reported; its text is, up to the
+    // first NUL byte.
+    if (!run.output.empty())
+        output->assign(run.output.c_str());
     return 0;
 }

@@ -1,0 +1,21 @@
+// Running a program with its standard output captured in a private temporary
+// file that is read back whole and removed: the tail that exec_cli and the
+// handlers that return a tool's output share.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+struct CapturedRun {
+    int exec_status = -1;   // dwe_vexprod_tarsk_exec_v's result: the raw wait status, or -1
+    std::string output;     // what the program wrote on standard output
+    int remove_status = -1; // remove()'s result for the temporary file: 0 when it is gone
+};
+
+// Runs path with argv (argv[0] as the caller wants it) through
+// dwe_vexprod_tarsk_exec_v, standard output into a fresh file of our own
+// (mkostemp in $TMPDIR or /tmp; never a guessable name), standard error to
+// /dev/null. Reads at most max_output bytes of it back and removes it.
+// False when no temporary file could be made; nothing ran then.
+bool run_captured(const char* path, const char* const argv[], CapturedRun& run, size_t max_output = SIZE_MAX);
