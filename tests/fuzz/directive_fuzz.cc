@@ -1,0 +1,205 @@
+// Fuzzes what a client may send a consumer worker: the input is cut into
+// chunks of at most 143 bytes (so directives arrive in pieces), each sent on
+// its own and some carrying a descriptor of some kind (memory files good and
+// bad, pipes, sockets, devices, directories, several at once). The service
+// must survive every input, keep answering well-formed requests, and end up
+// holding no descriptor it did not hold before.
+//
+// Input format, repeated: [size byte][attachment byte][payload...]; a chunk
+// is 1 + size % 143 payload bytes (fewer at the end of the input).
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "dv.h"
+#include "support/fds.h"
+#include "support/raw_client.h"
+#include "support/settle.h"
+#include "support/test_service.h"
+
+namespace {
+
+constexpr size_t CHUNK_MAX = 143;
+
+TestService* service = nullptr;
+int baseline_fds = -1;
+unsigned long runs = 0;
+
+void reply_exec(const char*, dv_io* io, int fd)
+{
+    if (fd >= 0)
+        close(fd);
+    size_t size = 0;
+    (void)dv_io_read(io, &size);
+    dv_io_realloc(io, 0);
+    dv_io_printf(io, "{\"result\":0}\n");
+    dv_reply(io);
+    dv_io_free(io);
+}
+
+int memfd_with(const char* text, unsigned flags = 0)
+{
+    int fd = memfd_create("fuzz", MFD_CLOEXEC | flags);
+    if (fd >= 0 && text && write(fd, text, strlen(text)) < 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// Descriptors to attach for one attachment kind (the caller closes them).
+std::vector<int> make_attachment(uint8_t kind)
+{
+    std::vector<int> fds;
+    int p[2];
+    switch (kind % 16) {
+    case 8:
+        fds.push_back(memfd_with("{\"a\":1}"));
+        break;
+    case 9:
+        fds.push_back(memfd_with(nullptr));  // empty
+        break;
+    case 10:
+        if (pipe2(p, O_CLOEXEC) == 0) {
+            fds.push_back(p[0]);
+            close(p[1]);
+        }
+        break;
+    case 11:
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, p) == 0) {
+            fds.push_back(p[0]);
+            close(p[1]);
+        }
+        break;
+    case 12:
+        fds.push_back(open("/dev/null", O_RDWR | O_CLOEXEC));
+        break;
+    case 13:
+        fds.push_back(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        break;
+    case 14: {
+        int fd = memfd_with("{}", MFD_ALLOW_SEALING);
+        fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW);
+        fds.push_back(fd);
+        break;
+    }
+    case 15:
+        fds.push_back(memfd_with("{}"));
+        fds.push_back(memfd_with("{}"));
+        break;
+    default:
+        break;  // 0-7: no descriptor
+    }
+    return fds;
+}
+
+bool send_chunk(int sock, const uint8_t* data, size_t size, const std::vector<int>& fds)
+{
+    struct iovec iov = {const_cast<uint8_t*>(data), size};
+    struct msghdr msg;
+    memset(&msg, 0, sizeof(msg));
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    std::vector<char> control;
+    if (!fds.empty()) {
+        control.resize(CMSG_SPACE(fds.size() * sizeof(int)));
+        msg.msg_control = control.data();
+        msg.msg_controllen = control.size();
+        struct cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+        cmsg->cmsg_level = SOL_SOCKET;
+        cmsg->cmsg_type = SCM_RIGHTS;
+        cmsg->cmsg_len = CMSG_LEN(fds.size() * sizeof(int));
+        memcpy(CMSG_DATA(cmsg), fds.data(), fds.size() * sizeof(int));
+    }
+    return sendmsg(sock, &msg, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0;
+}
+
+// Waits for the service to let go of the connection (or reply and close).
+void drain_until_closed(int sock)
+{
+    char buf[1024];
+    for (int spins = 0; spins < 200; spins++) {
+        struct pollfd p = {sock, POLLIN, 0};
+        if (poll(&p, 1, 10) == 1) {
+            ssize_t n = read(sock, buf, sizeof(buf));
+            if (n <= 0)
+                return;
+        }
+    }
+}
+
+void check_service_alive()
+{
+    auto reply = raw_call(service->sockfile(), "probe", "{}");
+    if (!reply || *reply != "{\"result\":0}\n") {
+        fprintf(stderr, "the service stopped answering after %lu inputs\n", runs);
+        abort();
+    }
+}
+
+void check_no_leak()
+{
+    int now = settled_fd_count();
+    if (now != baseline_fds) {
+        fprintf(stderr, "descriptor count %d after %lu inputs, %d at the start:\n", now, runs, baseline_fds);
+        for (int fd : open_fds()) {
+            char target[256] = "";
+            std::string link = "/proc/self/fd/" + std::to_string(fd);
+            ssize_t n = readlink(link.c_str(), target, sizeof(target) - 1);
+            fprintf(stderr, "  %d -> %s\n", fd, n > 0 ? target : "?");
+        }
+        abort();
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (!service) {
+        service = new TestService(reply_exec, DV_PTHREAD_MODE | DV_STANDALONE, 2);
+        check_service_alive();
+        baseline_fds = settled_fd_count();
+    }
+    runs++;
+
+    RawClient client;
+    if (!client.connect_to(service->sockfile()))
+        abort();
+    size_t at = 0;
+    while (at + 2 <= size) {
+        size_t chunk = 1 + data[at] % CHUNK_MAX;
+        uint8_t kind = data[at + 1];
+        at += 2;
+        if (chunk > size - at)
+            chunk = size - at;
+        if (chunk == 0)
+            break;
+        std::vector<int> fds = make_attachment(kind);
+        bool sent = send_chunk(client.fd(), data + at, chunk, fds);
+        for (int fd : fds)
+            if (fd >= 0)
+                close(fd);
+        if (!sent)
+            break;
+        at += chunk;
+    }
+    shutdown(client.fd(), SHUT_WR);
+    drain_until_closed(client.fd());
+    client.close_now();
+
+    if (runs % 64 == 0) {
+        check_service_alive();
+        check_no_leak();
+    }
+    return 0;
+}
