@@ -62,6 +62,11 @@ int remaining_ms(const consumer_state& s)
 // message and receives it.
 int recv_client_fd(const consumer_state& s, int client)
 {
+    // Usually the client sent it with its request: take it without a poll.
+    bool would_block = false;
+    int fd = dv_recv_fd_now(client, &would_block);
+    if (fd >= 0 || !would_block)
+        return fd;
     struct pollfd p = {client, POLLIN, 0};
     int n;
     do {

@@ -103,7 +103,9 @@ bool dv_send_fd(int sockfd, int fd)
     return n == 1;
 }
 
-int dv_recv_fd(int sockfd)
+namespace {
+
+int recv_one_fd(int sockfd, int flags, bool* would_block)
 {
     char byte;
     struct iovec iov = {&byte, 1};
@@ -121,10 +123,13 @@ int dv_recv_fd(int sockfd)
     msg.msg_controllen = sizeof(control.buf);
     ssize_t n;
     do {
-        n = recvmsg(sockfd, &msg, MSG_CMSG_CLOEXEC);
+        n = recvmsg(sockfd, &msg, MSG_CMSG_CLOEXEC | flags);
     } while (n < 0 && errno == EINTR);
-    if (n < 0)
+    if (n < 0) {
+        if (would_block)
+            *would_block = errno == EAGAIN || errno == EWOULDBLOCK;
         return -1;
+    }
 
     int fd = -1;
     bool good = n >= 1 && msg.msg_controllen >= sizeof(struct cmsghdr) && !(msg.msg_flags & MSG_CTRUNC);
@@ -150,4 +155,17 @@ int dv_recv_fd(int sockfd)
         fd = -1;
     }
     return fd;
+}
+
+}  // namespace
+
+int dv_recv_fd(int sockfd)
+{
+    return recv_one_fd(sockfd, 0, nullptr);
+}
+
+int dv_recv_fd_now(int sockfd, bool* would_block)
+{
+    *would_block = false;
+    return recv_one_fd(sockfd, MSG_DONTWAIT, would_block);
 }

@@ -60,6 +60,8 @@ bool dv_send_fd(int sockfd, int fd);
 // owned by the caller) or -1. Anything unexpected in the control data (other
 // levels or types, several descriptors, truncation) is closed and fails.
 int dv_recv_fd(int sockfd);
+// The same without waiting: -1 with *would_block set when nothing is there yet.
+int dv_recv_fd_now(int sockfd, bool* would_block);
 
 // ----------------------------------------------------------------- workers
 

@@ -95,53 +95,67 @@ void restart_if_dead(dv_handle* h, dv_worker* producer, dv_worker* w)
     producer->restarted = true;
 }
 
+// The next idle consumer after the one chosen last (round robin), or null.
+// Dead process consumers are restarted on the way.
+dv_worker* choose_consumer(dv_worker* producer)
+{
+    dv_handle* h = producer->handle;
+    size_t n = h->service_size;
+    dv_worker* chosen = nullptr;
+    for (size_t k = 1; k <= n; k++) {
+        dv_worker* w = &h->worker[(producer->last_chosen + k) % n];
+        // Only plain process mode restarts its consumers; a standalone
+        // process service deliberately does not.
+        if (w->mode == DV_PROCESS_MODE) {
+            // dv_stop reads the records once it has set stopping under
+            // this lock; a restart must not overlap that.
+            pthread_mutex_lock(&h->run_lock);
+            if (!__atomic_load_n(&h->stopping, __ATOMIC_RELAXED))
+                restart_if_dead(h, producer, w);
+            pthread_mutex_unlock(&h->run_lock);
+        }
+        if (!chosen && w->idle)
+            chosen = w;
+    }
+    return chosen;
+}
+
+// Sends client fd to consumer w. On failure the client is closed.
+void hand_over(dv_worker* producer, dv_worker* w, int fd)
+{
+    dv_directive d;
+    memset(&d, 0, sizeof(d));
+    d.type = DV_DIRECTIVE_TRANSFER;
+    memcpy(d.data, &fd, sizeof(fd));
+    bool sent = dv_send_directive(w->sockfd[1], &d) && dv_send_fd(w->sockfd[1], fd);
+    producer->last_chosen = w->index;
+    if (sent) {
+        // Our copy is closed when the consumer echoes the transfer. A
+        // consumer that dies before echoing leaks this one descriptor;
+        // that costs one descriptor per consumer death, and a restart
+        // only happens after such a death, so the loss stays bounded.
+        w->idle = 0;
+        w->handed = fd;
+    } else {
+        shutdown(fd, SHUT_RDWR);
+        close(fd);
+    }
+}
+
 // Hands waiting clients to idle consumers, round robin, while both exist.
 void dispatch(dv_worker* producer, graveyard& dead)
 {
     dv_handle* h = producer->handle;
     while (producer->clients.head && !__atomic_load_n(&h->stopping, __ATOMIC_RELAXED)) {
-        size_t n = h->service_size;
-        dv_worker* chosen = nullptr;
-        for (size_t k = 1; k <= n; k++) {
-            dv_worker* w = &h->worker[(producer->last_chosen + k) % n];
-            // Only plain process mode restarts its consumers; a standalone
-            // process service deliberately does not.
-            if (w->mode == DV_PROCESS_MODE) {
-                // dv_stop reads the records once it has set stopping under
-                // this lock; a restart must not overlap that.
-                pthread_mutex_lock(&h->run_lock);
-                if (!__atomic_load_n(&h->stopping, __ATOMIC_RELAXED))
-                    restart_if_dead(h, producer, w);
-                pthread_mutex_unlock(&h->run_lock);
-            }
-            if (!chosen && w->idle)
-                chosen = w;
-        }
+        dv_worker* chosen = choose_consumer(producer);
         if (!chosen)
             return;
-
         dv_client* c = producer->clients.head;
         int fd = c->queue.sockfd;
-        dv_directive d;
-        memset(&d, 0, sizeof(d));
-        d.type = DV_DIRECTIVE_TRANSFER;
-        memcpy(d.data, &fd, sizeof(fd));
-        bool sent = dv_send_directive(chosen->sockfd[1], &d) && dv_send_fd(chosen->sockfd[1], fd);
-        producer->last_chosen = chosen->index;
         epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, fd, nullptr);
         unlink_client(producer, c);
         dead.bury(c);
-        if (sent) {
-            // Our copy is closed when the consumer echoes the transfer. A
-            // consumer that dies before echoing leaks this one descriptor;
-            // that costs one descriptor per consumer death, and a restart
-            // only happens after such a death, so the loss stays bounded.
-            chosen->idle = 0;
-            chosen->handed = fd;
-        } else {
-            shutdown(fd, SHUT_RDWR);
-            close(fd);
-        }
+        hand_over(producer, chosen, fd);
     }
 }
 
@@ -155,6 +169,14 @@ void accept_client(dv_worker* producer, graveyard& dead)
     if (producer->waiting > DV_MAX_WAITING_CLIENTS - 1 || paused) {
         refuse(fd, paused ? DV_DIRECTIVE_PAUSED : DV_DIRECTIVE_BUSY);
         return;
+    }
+    // Nobody waits and a consumer is idle: the client goes straight to it,
+    // without the queue entry it would only leave again at once.
+    if (!producer->clients.head && !__atomic_load_n(&h->stopping, __ATOMIC_RELAXED)) {
+        if (dv_worker* w = choose_consumer(producer)) {
+            hand_over(producer, w, fd);
+            return;
+        }
     }
     dv_client* c = static_cast<dv_client*>(calloc(1, sizeof(dv_client)));
     if (!c) {
