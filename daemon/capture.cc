@@ -35,5 +35,6 @@ bool run_captured(const char* path, const char* const argv[], CapturedRun& run, 
     }
     close(fd);
     run.remove_status = remove(name.c_str());
+    run.file = name;
     return true;
 }

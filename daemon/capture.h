@@ -11,6 +11,7 @@ struct CapturedRun {
     int exec_status = -1;   // dwe_vexprod_tarsk_exec_v's result: the raw wait status, or -1
     std::string output;     // what the program wrote on standard output
     int remove_status = -1; // remove()'s result for the temporary file: 0 when it is gone
+    std::string file;       // the temporary file's name (gone unless remove_status says otherwise)
 };
 
 // Runs path with argv (argv[0] as the caller wants it) through

@@ -75,6 +75,16 @@ bool fetch_request_args(dv_io* io, Json::Value& reply, std::initializer_list<Req
     if (!error)
         for (const RequestArg& arg : args)
             parser_param_from_json_str(parsed, arg.key, arg.out, arg.type, &error);
+    // Text arguments end up as C strings (program arguments, library calls,
+    // file names): one holding a NUL byte would be cut short there and mean
+    // something else than what was checked, so it is refused.
+    for (const RequestArg& arg : args) {
+        if (!error && strcmp(arg.type, "string") == 0 &&
+            static_cast<std::string*>(arg.out)->find('\0') != std::string::npos) {
+            dbg_printf2("[%s][%d] %s holds a NUL byte.", handler, line, arg.key);
+            error = true;
+        }
+    }
     if (error) {
         set_parse_error(reply);
         return false;

@@ -117,7 +117,7 @@ static const Tool* find_tool(const std::string& self)
 {
     for (const Tool& t : tool_table()) {
         std::string p = t.path;
-        if (t.by_suffix ? self.size() > p.size() && self.compare(self.size() - p.size(), p.size(), p) == 0
+        if (t.by_suffix ? self.size() >= p.size() && self.compare(self.size() - p.size(), p.size(), p) == 0
                         : self == p)
             return &t;
     }

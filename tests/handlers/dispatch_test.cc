@@ -86,9 +86,8 @@ TEST(Dispatch, EachServiceAnswersFromItsOwnTable)
 TEST(Dispatch, UnknownNamesCloseAtOnceWithoutReplyOrLog)
 {
     HandlerService service;
-    // Near misses of real rows, and a known row whose handler is missing.
-    const char* names[] = {"Test", "TEST", "test ", " test", "exec_cli\t", "get_vpd_eepke", "", "nope",
-                           "get_sess_id"};
+    // Near misses of real rows.
+    const char* names[] = {"Test", "TEST", "test ", " test", "exec_cli\t", "get_vpd_eepke", "", "nope"};
     for (const char* name : names) {
         SCOPED_TRACE(std::string("name '") + name + "'");
         int status = -1;
@@ -156,11 +155,23 @@ const T_COMMAND_ENTRY kTestTable[] = {
     {"print", print_handler},
     {"silent", silent_handler},
     {"print", silent_handler},  // never reached: the first match wins
+    {"unwritten", nullptr},     // a known name without a handler
 };
 
 void test_table_exec(const char* name, dv_io* io, int fd)
 {
     dispatch_command(kTestTable, std::size(kTestTable), name, io, fd);
+}
+
+TEST(Dispatch, ARowWithoutAHandlerClosesAtOnceWithoutReply)
+{
+    HandlerService service(test_table_exec, 1);
+    int status = -1;
+    auto start = Clock::now();
+    EXPECT_EQ(service.call("unwritten", "{}", &status, -1, 10), "");
+    EXPECT_EQ(status, DV_STATUS_SOCKET);
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
+    EXPECT_TRUE(service.log().messages().empty());
 }
 
 TEST(Dispatch, TheCallersDescriptorIsStandardOutputWhileTheHandlerRuns)

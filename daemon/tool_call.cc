@@ -1,0 +1,132 @@
+// Lenient request reading, tool argument vectors, the captured run and the
+// output reply shared by the app-side commands.
+#include "daemon/tool_call.h"
+
+#include "daemon/handler_kit.h"
+#include "daemon/log.h"
+#include "daemon/strutil.h"
+#include "platform/paths.h"
+
+void reject_request(Json::Value& reply, const std::string& why, const char* handler, int line)
+{
+    dbg_printf2("[%s][%d] parse strInputArg failed, error=[%s]", handler, line, why.c_str());
+    set_input_error(reply);
+}
+
+bool parse_request_object(dv_io* io, Json::Value& root, Json::Value& reply, const char* handler, int line)
+{
+    std::string text;
+    if (!read_request_text(io, text)) {
+        reject_request(reply, "no request text", handler, line);
+        return false;
+    }
+    Json::Reader reader;
+    Json::Value parsed;
+    if (!reader.parse(text, parsed, true)) {
+        reject_request(reply, reader.getFormattedErrorMessages(), handler, line);
+        return false;
+    }
+    // Members of anything else cannot be looked up at all.
+    if (!parsed.isObject() && !parsed.isNull()) {
+        reject_request(reply, "the request is not a JSON object", handler, line);
+        return false;
+    }
+    root = std::move(parsed);
+    return true;
+}
+
+JsonFields::JsonFields(const Json::Value& object, std::string where) : object_(object), where_(std::move(where))
+{
+    if (!object_.isObject() && !object_.isNull())
+        error_ = (where_.empty() ? std::string("value") : where_) + " is not an object";
+}
+
+const Json::Value* JsonFields::member(const char* key, Json::ValueType want, const char* type_name)
+{
+    if (!object_.isObject())
+        return nullptr;
+    const Json::Value& value = object_[key];
+    if (value.isNull())
+        return nullptr;
+    if (!value.isConvertibleTo(want)) {
+        if (error_.empty())
+            error_ = (where_.empty() ? "" : where_ + ".") + key + " is not " + type_name;
+        return nullptr;
+    }
+    return &value;
+}
+
+std::string JsonFields::text(const char* key, const char* missing)
+{
+    const Json::Value* value = member(key, Json::stringValue, "text");
+    return value ? value->asString() : missing;
+}
+
+int JsonFields::number(const char* key)
+{
+    const Json::Value* value = member(key, Json::intValue, "a 32-bit integer");
+    return value ? value->asInt() : 0;
+}
+
+bool JsonFields::flag(const char* key)
+{
+    const Json::Value* value = member(key, Json::booleanValue, "a boolean");
+    return value ? value->asBool() : false;
+}
+
+const Json::Value& JsonFields::list(const char* key)
+{
+    static const Json::Value empty(Json::arrayValue);
+    if (!object_.isObject())
+        return empty;
+    const Json::Value& value = object_[key];
+    if (value.isArray())
+        return value;
+    if (!value.isNull() && error_.empty())
+        error_ = (where_.empty() ? "" : where_ + ".") + key + " is not an array";
+    return empty;
+}
+
+std::vector<std::string> tool_argv(std::string_view program, std::initializer_list<std::string> args)
+{
+    std::vector<std::string> argv;
+    argv.reserve(args.size() + 1);
+    size_t slash = program.rfind('/');
+    argv.emplace_back(slash == std::string_view::npos ? program : program.substr(slash + 1));
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+}
+
+int run_tool(const std::string& program, const std::vector<std::string>& argv, CapturedRun& run, ArgvLog log,
+             const char* handler, int line)
+{
+    std::vector<const char*> ptrs;
+    ptrs.reserve(argv.size() + 1);
+    for (const std::string& arg : argv)
+        ptrs.push_back(arg.c_str());
+    ptrs.push_back(nullptr);
+
+    for (size_t i = 0; i < ptrs.size(); ++i) {
+        if (log == ArgvLog::elements_and_end)
+            dbg_printf2("[%s][%d] argv[%d] = [%s] ", handler, line, static_cast<int>(i), ptrs[i] ? ptrs[i] : "(null)");
+        else if (ptrs[i])
+            dbg_printf2("[%s][%d] argv[%d] = [%s]", handler, line, static_cast<int>(i), ptrs[i]);
+    }
+
+    run = CapturedRun();
+    const std::string path = platform_path(program);
+    if (!run_captured(path.c_str(), ptrs.data(), run))
+        return -1;
+    return run.exec_status;
+}
+
+void reply_tool_output(dv_io* io, const std::string& output, int cli_ret)
+{
+    std::string encoded;
+    base64_encode(output, encoded);
+    Json::Value reply;
+    reply["result_out"] = encoded;
+    reply["cli_ret"] = cli_ret;
+    reply["result"] = 0;
+    send_reply(io, reply);
+}

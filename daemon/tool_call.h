@@ -1,0 +1,75 @@
+// The steps of the app-side commands that hand a request to one platform
+// tool and reply with what it printed: reading a request whose missing keys
+// read as JSON defaults, the tool's argument vector, the captured run, and
+// the "result_out"/"cli_ret"/"result" reply.
+#pragma once
+
+#include <json/json.h>
+
+#include <initializer_list>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "daemon/capture.h"
+#include "dv.h"
+
+// Sets reply to "input error", "error_code" -1, after logging
+// "parse strInputArg failed, error=[why]" under the handler's name and line.
+void reject_request(Json::Value& reply, const std::string& why, const char* handler = __builtin_FUNCTION(),
+                    int line = __builtin_LINE());
+
+// Reads and parses the request text into root: a JSON object, or null for
+// the text "null", which reads as an object without members. Otherwise
+// (no text, not JSON, JSON of another kind) reply holds the input error,
+// logged with the parser's message, and the result is false.
+bool parse_request_object(dv_io* io, Json::Value& root, Json::Value& reply, const char* handler = __builtin_FUNCTION(),
+                          int line = __builtin_LINE());
+
+// Reads members of one JSON object as these commands always have: a missing
+// member is "", 0, false or an empty list, and a present one converts as
+// jsoncpp's asString, asInt and asBool do (a number where text belongs is
+// its decimal text). What those would refuse with an exception (text where
+// a number belongs, an object where text belongs, a number beyond 32 bits)
+// reads as the default instead and makes ok() false; error() then names the
+// first such member. A value that is neither an object nor null has no
+// members and is an error itself.
+class JsonFields {
+public:
+    // object must outlive the reader; where names it in error().
+    explicit JsonFields(const Json::Value& object, std::string where = "");
+
+    std::string text(const char* key, const char* missing = "");
+    int number(const char* key);
+    bool flag(const char* key);
+    // An array member; a missing or null one reads as an empty array.
+    const Json::Value& list(const char* key);
+
+    bool ok() const { return error_.empty(); }
+    const std::string& error() const { return error_; }
+
+private:
+    const Json::Value* member(const char* key, Json::ValueType want, const char* type_name);
+
+    const Json::Value& object_;
+    std::string where_;
+    std::string error_;
+};
+
+// The argument vector of program as it is run: its base name, then args.
+std::vector<std::string> tool_argv(std::string_view program, std::initializer_list<std::string> args);
+
+// How run_tool logs the vector: one "argv[%d] = [%s]" line per element, or,
+// as the reverse proxy always has, lines ending in a blank and one more for
+// the terminating null slot.
+enum class ArgvLog { elements, elements_and_end };
+
+// Logs argv under the handler's name, then runs program (a path as on the
+// appliance; the platform root is put in front here) with its standard
+// output captured (run_captured). The exec status: 0 when the program ran
+// and exited 0; -1 when no capture file could be made and nothing ran.
+int run_tool(const std::string& program, const std::vector<std::string>& argv, CapturedRun& run,
+             ArgvLog log = ArgvLog::elements, const char* handler = __builtin_FUNCTION(), int line = __builtin_LINE());
+
+// The success reply: "result_out" the base64 of output, "cli_ret", "result" 0.
+void reply_tool_output(dv_io* io, const std::string& output, int cli_ret);

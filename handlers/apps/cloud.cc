@@ -1,0 +1,117 @@
+// The platform's cloud-account tools, run as root for the app: the signed-in
+// account's device list, its user token, the cloud host endpoint and site,
+// and an access token exchanged for a client identity.
+#include <string>
+#include <vector>
+
+#include "daemon/capture.h"
+#include "daemon/handler_kit.h"
+#include "daemon/log.h"
+#include "daemon/tool_call.h"
+#include "handlers/handlers.h"
+#include "platform/paths.h"
+
+// One access-token request: what the app sent, and the argument vector made
+// of it.
+struct T_DOVEL_VEXPROD_CLOUD_OAUTH {
+    std::string client_id;
+    std::string client_secret;
+    std::string access_token;
+    std::vector<std::string> args;  // argv[0] first
+};
+
+// One tool's answer on its way back to the app.
+struct T_DOVEL_VEXPROD_CLOUD_OAUTH_RESPONSE {
+    std::string handler;    // the asking handler, which names the failure
+    std::string program;    // the tool that answered, as on the appliance
+    std::string output;     // what it printed
+    std::string error_msg;  // "<handler> fail" when it did not answer
+};
+
+namespace {
+
+// Runs a cloud tool (its path as on the appliance) with its output captured.
+// True when it ran and exited 0; run.output then holds what it printed.
+bool run_cloud_tool(const char* program, const std::vector<std::string>& args, CapturedRun& run)
+{
+    std::vector<const char*> argv;
+    for (const std::string& arg : args)
+        argv.push_back(arg.c_str());
+    argv.push_back(nullptr);
+    const std::string path = platform_path(program);
+    if (!run_captured(path.c_str(), argv.data(), run)) {
+        DBG("no temporary file for %s.", program);
+        return false;
+    }
+    return run.exec_status == 0;
+}
+
+// The tail of every query but the device list: the output goes back base64
+// so that whatever the tool prints survives the JSON reply unchanged.
+void reply_encoded_output(dv_io* io, const char* handler, const char* program, const std::vector<std::string>& args)
+{
+    T_DOVEL_VEXPROD_CLOUD_OAUTH_RESPONSE response{handler, program, "", ""};
+    CapturedRun run;
+    if (!run_cloud_tool(program, args, run)) {
+        response.error_msg = response.handler + " fail";
+        Json::Value reply;
+        set_failure(reply, response.error_msg.c_str());
+        send_reply(io, reply);
+        return;
+    }
+    // The answer is good even when its file lingers.
+    if (run.remove_status != 0)
+        dbg_printf2("[%s][%d] remove tmpfile:[%s] fail.", handler, __LINE__, run.file.c_str());
+    response.output = std::move(run.output);
+    reply_tool_output(io, response.output, 0);
+}
+
+}  // namespace
+
+void nox_system_call_cloud_get_device_list_handler(dv_io* io, int)
+{
+    Json::Value reply;
+    CapturedRun run;
+    // The list is JSON already and goes back as the tool printed it; a
+    // temporary file that will not go away costs nothing worth logging here.
+    if (run_cloud_tool(PATH_NIMBO_DEVICE_TOOL,
+                       tool_argv(PATH_NIMBO_DEVICE_TOOL, {"get_device_list", "-d", "PALAVER_IOS"}), run)) {
+        reply["device_list"] = run.output;
+        reply["result"] = 0;
+    } else {
+        set_failure(reply, "nox_system_call_cloud_get_device_list_handler fail");
+    }
+    send_reply(io, reply);
+}
+
+void nox_system_call_cloud_get_user_token_handler(dv_io* io, int)
+{
+    reply_encoded_output(io, __func__, PATH_NIMBO_CLI, tool_argv(PATH_NIMBO_CLI, {"-t"}));
+}
+
+void nox_system_call_cloud_get_host_endpoint_handler(dv_io* io, int)
+{
+    reply_encoded_output(io, __func__, PATH_GET_NIMBO_HOST, tool_argv(PATH_GET_NIMBO_HOST, {"-n", "k5_api"}));
+}
+
+void nox_system_call_cloud_get_host_site_handler(dv_io* io, int)
+{
+    reply_encoded_output(io, __func__, PATH_GET_NIMBO_HOST, tool_argv(PATH_GET_NIMBO_HOST, {"-s"}));
+}
+
+void nox_system_call_cloud_get_access_token_handler(dv_io* io, int)
+{
+    T_DOVEL_VEXPROD_CLOUD_OAUTH oauth;
+    Json::Value reply;
+    if (!fetch_request_args(io, reply,
+                            {{"client_id", &oauth.client_id},
+                             {"client_secret", &oauth.client_secret},
+                             {"access_token", &oauth.access_token}})) {
+        send_reply(io, reply);
+        return;
+    }
+    // Each value is one argument, whatever it holds: no shell sees them.
+    oauth.args = tool_argv(PATH_NIMBO_AUTH_TOOL, {"signin", "-t", "exchange_token", "-a", oauth.access_token, "-i",
+                                                  oauth.client_id, "-s", oauth.client_secret, "-o", "json"});
+    reply_encoded_output(io, __func__, PATH_NIMBO_AUTH_TOOL, oauth.args);
+}

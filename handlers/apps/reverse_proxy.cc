@@ -1,0 +1,258 @@
+// The reverse proxy in front of the server: one virtual-host file per rule
+// under the proxy's extra/ directory, then a start or graceful reload of the
+// proxy, replying with what the control command printed.
+#include "handlers/apps/reverse_proxy.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+#include "daemon/handler_kit.h"
+#include "daemon/log.h"
+#include "daemon/tool_call.h"
+#include "handlers/handlers.h"
+#include "platform/paths.h"
+
+int get_ssl_cipher(std::string* cipher)
+{
+    *cipher = "EECDH+CHACHA20:EECDH+AES";
+    return 0;
+}
+
+int get_ssl_protocol(std::string* protocol)
+{
+    *protocol = "All -SSLv2 -SSLv3 -TLSv1 -TLSv1.1";
+    return 0;
+}
+
+bool get_uca_file_exist()
+{
+    struct stat st;
+    return stat(platform_path(PATH_UCA_PEM).c_str(), &st) == 0;
+}
+
+namespace {
+
+struct ProxyRule {
+    std::string guid;
+    int port = 0;
+    int des_port = 0;
+    std::string protocol;
+    std::string des_protocol;
+    bool hsts = false;
+    std::string host_name;
+};
+
+// The TLS pieces, looked up once per request.
+struct TlsSettings {
+    std::string cipher;
+    std::string protocol;
+    bool chain_file = false;
+};
+
+// The GUID names a file in extra/: anything that could name another place
+// (a '/', "." or "..") or break a log or configuration line is refused.
+bool is_plain_file_name(const std::string& guid)
+{
+    if (guid.empty() || guid == "." || guid == "..")
+        return false;
+    for (unsigned char ch : guid)
+        if (ch == '/' || ch < 0x20 || ch == 0x7f)
+            return false;
+    return true;
+}
+
+// A line break, or a NUL byte (which ends the line for anyone reading the
+// file as C text), would let a value add to or cut the configuration.
+bool has_line_break(const std::string& s)
+{
+    return s.find_first_of(std::string("\r\n\0", 3)) != std::string::npos;
+}
+
+std::string rule_file(const std::string& guid)
+{
+    return platform_path(std::string(PATH_REVERSEPROXY_EXTRA_DIR) + guid + ".conf");
+}
+
+std::string virtual_host_text(const ProxyRule& rule, const TlsSettings& tls)
+{
+    const std::string port = std::to_string(rule.port);
+    const std::string target = rule.des_protocol + "://" + rule.host_name + ":" + std::to_string(rule.des_port) + "/";
+    std::string text = "Listen " + port + "\n";
+    text += "<VirtualHost *:" + port + ">\n";
+    if (rule.protocol == "https") {
+        text += "\tSSLEngine on\n";
+        text += "\tSSLCipherSuite " + tls.cipher + "\n";
+        // The protocol string stands alone on its line, without a directive
+        // in front of it: the proxy's configuration has always read so.
+        text += "\t" + tls.protocol + "\n";
+        text += "\tSSLCertificateFile \"/etc/stunnel/stunnel.pem\"\n";
+        if (tls.chain_file)
+            text += "\tSSLCertificateChainFile \"/etc/stunnel/uca.pem\"\n";
+        // Written when the flag is off and left out when it is on: callers
+        // depend on this sense of "hsts".
+        if (!rule.hsts)
+            text += "\tHeader set Strict-Transport-Security \"max-age=63072000\"\n";
+    }
+    if (rule.des_protocol == "https" || rule.des_protocol == "wss")
+        text += "\tSSLProxyEngine on\n\tSSLProxyVerify none\n\tSSLProxyCheckPeerCN off\n"
+                "\tSSLProxyCheckPeerName off\n\tSSLProxyCheckPeerExpire off\n";
+    text += "\tHeader set X-Frame-Options \"ALLOW-FROM *\"\n";
+    text += "\tProxyPreserveHost on\n";
+    text += "\tProxyPass / " + target + " connectiontimeout=60 timeout=60\n";
+    text += "\tProxyPassReverse / " + target + "\n";
+    text += "</VirtualHost>\n";
+    return text;
+}
+
+// Replaces the rule's file. Whatever stands at the name is unlinked first and
+// the file is then created exclusively, so a symbolic link planted there is
+// removed or refused, never followed. A file that cannot be created is left
+// out without a word, as the proxy has always treated it.
+void write_rule_file(const std::string& path, const std::string& text)
+{
+    unlink(path.c_str());
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return;
+    size_t done = 0;
+    while (done < text.size()) {
+        ssize_t n = write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        done += static_cast<size_t>(n);
+    }
+    close(fd);
+    // Half a virtual host would stop the proxy from loading at all.
+    if (done < text.size()) {
+        DBG("write %s failed, errno=%d", path.c_str(), errno);
+        unlink(path.c_str());
+    }
+}
+
+// The per-rule messages carry the handler's name (handler), as all its
+// messages do.
+void add_rules(const Json::Value& rules, const char* handler)
+{
+    TlsSettings tls;
+    get_ssl_cipher(&tls.cipher);
+    get_ssl_protocol(&tls.protocol);
+    tls.chain_file = get_uca_file_exist();
+
+    for (Json::ArrayIndex i = 0; i < rules.size(); ++i) {
+        const int index = static_cast<int>(i);
+        JsonFields fields(rules[i], "jRuleList[" + std::to_string(index) + "]");
+        ProxyRule rule;
+        rule.guid = fields.text("GUID");
+        rule.port = fields.number("port");
+        rule.des_port = fields.number("des_port");
+        rule.protocol = fields.text("protocol");
+        rule.des_protocol = fields.text("des_protocol");
+        rule.hsts = fields.flag("hsts");
+        rule.host_name = fields.text("host_name");
+        // "proxy_timeout" is not read: the time-outs in the file are fixed.
+        if (!fields.ok()) {
+            dbg_printf2("[%s][%d] %s, skipped", handler, __LINE__, fields.error().c_str());
+            continue;
+        }
+        if (!is_plain_file_name(rule.guid)) {
+            dbg_printf2("[%s][%d] get jRuleList[%d] strGUID failed", handler, __LINE__, index);
+            continue;
+        }
+        // A line break would let a request add directives of its own.
+        if (has_line_break(rule.host_name) || has_line_break(rule.protocol) || has_line_break(rule.des_protocol)) {
+            dbg_printf2("[%s][%d] jRuleList[%d] has a line break in host_name, protocol or des_protocol, skipped",
+                        handler, __LINE__, index);
+            continue;
+        }
+        write_rule_file(rule_file(rule.guid), virtual_host_text(rule, tls));
+    }
+}
+
+void delete_rules(const Json::Value& rules, const char* handler)
+{
+    for (Json::ArrayIndex i = 0; i < rules.size(); ++i) {
+        const int index = static_cast<int>(i);
+        JsonFields fields(rules[i], "jRuleList[" + std::to_string(index) + "]");
+        std::string guid = fields.text("GUID");
+        if (!fields.ok()) {
+            dbg_printf2("[%s][%d] %s, skipped", handler, __LINE__, fields.error().c_str());
+            continue;
+        }
+        if (!is_plain_file_name(guid)) {
+            dbg_printf2("[%s][%d] get jRuleList[%d] strGUID failed", handler, __LINE__, index);
+            continue;
+        }
+        // A rule that has no file any more is already gone.
+        unlink(rule_file(guid).c_str());
+    }
+}
+
+}  // namespace
+
+void nox_reverse_proxy_handler(dv_io* io, int)
+{
+    Json::Value root, reply;
+    if (!parse_request_object(io, root, reply)) {
+        send_reply(io, reply);
+        return;
+    }
+    JsonFields request(root);
+    const std::string action = request.text("action");
+    if (!request.ok()) {
+        reject_request(reply, request.error());
+        send_reply(io, reply);
+        return;
+    }
+    if (action != "add" && action != "delete") {
+        // The caller learns of it by the connection closing without a reply.
+        DBG("unknown action = %s", action.c_str());
+        return;
+    }
+    const Json::Value& rules = request.list("rule_list");
+    if (!request.ok()) {
+        reject_request(reply, request.error());
+        send_reply(io, reply);
+        return;
+    }
+
+    if (action == "add")
+        add_rules(rules, __func__);
+    else
+        delete_rules(rules, __func__);
+
+    struct stat st;
+    const bool start = action == "add" && stat(platform_path(PATH_REVERSEPROXY_PID).c_str(), &st) != 0;
+
+    // Not running yet: the daemon manager starts it with the whole command
+    // line as one quoted argument. Running: a graceful reload picks the
+    // changed files up without dropping connections.
+    std::string program;
+    std::vector<std::string> argv;
+    if (start) {
+        const std::string proxy_cmd =
+            std::string("\"") + PATH_REVERSEPROXY + " -k start -f " + PATH_REVERSEPROXY_CONF + "\"";
+        DBG("proxy_cmd = %s", proxy_cmd.c_str());
+        program = PATH_DAEMON_MGR;
+        argv = tool_argv(program, {"reverseproxy_vexpro", "start", proxy_cmd});
+    } else {
+        program = PATH_REVERSEPROXY;
+        argv = tool_argv(program, {"-k", "graceful", "-f", PATH_REVERSEPROXY_CONF});
+    }
+
+    CapturedRun run;
+    int ret = run_tool(program, argv, run, ArgvLog::elements_and_end);
+    if (ret != 0) {
+        DBG("exec %s failed, ret=[%d]", program.c_str(), ret);
+        return;
+    }
+    DBG("exec %s succ, ret_out=[%s]", program.c_str(), run.output.c_str());
+    // "cli_ret" is whether the capture file could be removed, not the
+    // program's status: a failing program never gets this far.
+    reply_tool_output(io, run.output, run.remove_status);
+}

@@ -1,0 +1,74 @@
+// Browser containers of the web-booth app: create one showing a device's web
+// page, delete one, or ask for its status, through the container shell.
+#include <string>
+#include <vector>
+
+#include "daemon/handler_kit.h"
+#include "daemon/log.h"
+#include "daemon/tool_call.h"
+#include "handlers/handlers.h"
+#include "platform/paths.h"
+
+void nox_web_booth_handler(dv_io* io, int)
+{
+    Json::Value root, reply;
+    if (!parse_request_object(io, root, reply)) {
+        send_reply(io, reply);
+        return;
+    }
+    JsonFields request(root);
+    const std::string action = request.text("action");
+    const std::string token = "token=" + request.text("auth_token");
+    const Json::Value& rules = request.list("rule_list");
+    if (!request.ok()) {
+        reject_request(reply, request.error());
+        send_reply(io, reply);
+        return;
+    }
+    if (rules.empty()) {
+        DBG("jRuleList is empty");
+        reply["error_msg"] = "jRuleList is empty";
+        reply["error_code"] = -1;
+        send_reply(io, reply);
+        return;
+    }
+
+    // Only the first rule counts: one container per request.
+    JsonFields rule(rules[0], "jRuleList[0]");
+    const std::string id = "id=" + rule.text("bs_id");
+    const std::string des_protocol = rule.text("des_protocol");
+    const std::string host_name = rule.text("host_name");
+    const int des_port = rule.number("des_port");
+    const std::string open_url = "open_url=" + des_protocol + "://" + host_name + ":" + std::to_string(des_port);
+    const std::string type = "type=" + rule.text("browser_type", "chrome");
+    if (!rule.ok()) {
+        reject_request(reply, rule.error());
+        send_reply(io, reply);
+        return;
+    }
+
+    std::vector<std::string> argv;
+    if (action == "add") {
+        argv = tool_argv(PATH_VESH,
+                         {"web-booth.container.create", token, open_url, "ttl=300", "resolution=1920x1080", type});
+    } else if (action == "delete") {
+        argv = tool_argv(PATH_VESH, {"web-booth.container.delete", token, id});
+    } else if (action == "get_status") {
+        argv = tool_argv(PATH_VESH, {"web-booth.container", token, id});
+    } else {
+        // The caller learns of it by the connection closing without a reply.
+        DBG("unknown action = %s", action.c_str());
+        return;
+    }
+
+    CapturedRun run;
+    int ret = run_tool(PATH_VESH, argv, run);
+    if (ret != 0) {
+        DBG("exec %s failed, ret=[%d]", PATH_VESH, ret);
+        return;
+    }
+    DBG("exec %s succ, ret_out=[%s]", PATH_VESH, run.output.c_str());
+    // What the container shell prints (the container's id and status) is
+    // the caller's to read.
+    reply_tool_output(io, run.output, 0);
+}

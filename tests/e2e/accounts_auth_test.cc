@@ -1,0 +1,334 @@
+// Login sessions, local users and groups, group members and the SMS settings,
+// end to end through the daemon, which loads the simulated platform libraries
+// for every call: exact replies, the calls the libraries saw, what happens
+// when a library or a function is missing, and that loading a library per
+// call leaves nothing behind.
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "dv.h"
+#include "platform/paths.h"
+#include "support/daemon_process.h"
+#include "support/sim_root.h"
+
+namespace {
+
+using Argv = std::vector<std::string>;
+
+const std::string kOk = "{\"result\":0}\n";
+const std::string kParseError = "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n";
+const std::string kInputError = "{\"error_code\":-1,\"error_msg\":\"input error\"}\n";
+const std::string kAddFail = "{\"error_msg\":\"nox_vex_auth_add_session_handler fail\",\"result\":-1}\n";
+const std::string kGetFail = "{\"error_msg\":\"nox_vex_auth_get_session_handler fail\",\"result\":-1}\n";
+const std::string kUsersFail = "{\"error_msg\":\"nox_get_all_users_handler fail\",\"result\":-1}\n";
+const std::string kGroupsFail = "{\"error_msg\":\"nox_get_all_groups_handler fail\",\"result\":-1}\n";
+const std::string kMembersFail = "{\"error_msg\":\"nox_get_group_members_handler fail\",\"result\":-1}\n";
+const std::string kSmsFail = "{\"error_msg\":\"nox_get_sms_config_handler fail\",\"result\":-1}\n";
+const std::string kDefaultSms =
+    "{\"country\":\"Germany\",\"country_code\":\"+49\",\"max_provider\":4,\"mode\":1,\"now_provider\":2,"
+    "\"phone1\":\"+4915112345678\",\"phone2\":\"+4915187654321\",\"result\":0,\"using_provider\":1}\n";
+
+std::vector<Argv> argvs(const SimRoot& root, const std::string& who)
+{
+    std::vector<Argv> out;
+    for (const SimCall& call : root.calls(who))
+        out.push_back(call.argv);
+    return out;
+}
+
+std::string json(const Json::Value& v)
+{
+    return Json::FastWriter().write(v);
+}
+
+std::string get_session(const std::string& sid, int type, int length = 64)
+{
+    Json::Value req;
+    req["sid"] = sid;
+    req["type"] = type;
+    req["length"] = length;
+    return json(req);
+}
+
+std::string add_session(const std::string& sid, const std::string& user, int type)
+{
+    Json::Value req;
+    req["sid"] = sid;
+    req["user"] = user;
+    req["type"] = type;
+    return json(req);
+}
+
+std::string found(const std::string& user)
+{
+    Json::Value reply;
+    reply["result"] = 0;
+    reply["user"] = user;
+    return json(reply);
+}
+
+int fd_count(pid_t pid)
+{
+    int n = 0;
+    std::error_code ec;
+    for (auto it = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec);
+         !ec && it != std::filesystem::directory_iterator(); it.increment(ec))
+        ++n;
+    return n;
+}
+
+// The daemon's descriptor count once the last request's have been closed.
+int settled_fd_count(pid_t pid)
+{
+    int last = fd_count(pid), same = 0;
+    for (int i = 0; i < 200 && same < 5; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        int now = fd_count(pid);
+        same = now == last ? same + 1 : 0;
+        last = now;
+    }
+    return last;
+}
+
+class AccountsAndAuth : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(daemon_.start()) << daemon_.stderr_text();
+        root_.clear_calls();  // the registry look-ups of the start-up
+    }
+
+    std::string call(const std::string& command, const std::string& request = "{}") const
+    {
+        int status = -1;
+        std::string reply = daemon_.call(command, request, &status);
+        EXPECT_EQ(status, DV_STATUS_OK) << command;
+        return reply;
+    }
+
+    SimRoot root_;
+    DaemonProcess daemon_{root_};
+};
+
+TEST_F(AccountsAndAuth, SessionsAddedAreFoundByIdAndType)
+{
+    EXPECT_EQ(call("vex_auth_add_session", add_session("S-1", "alice", 1)), kOk);
+    EXPECT_EQ(call("vex_auth_get_session", get_session("S-1", 1)), found("alice"));
+    EXPECT_EQ(argvs(root_, PATH_LIB_NASAUTH),
+              (std::vector<Argv>{{"auth_add_session", "S-1", "alice", "1", ""}, {"auth_get_session", "S-1", "1"}}));
+
+    // Another type, an unknown id: not found.
+    EXPECT_EQ(call("vex_auth_get_session", get_session("S-1", 2)), kGetFail);
+    EXPECT_EQ(call("vex_auth_get_session", get_session("S-2", 1)), kGetFail);
+
+    // The newest registration of an id wins; "length" never limits the name,
+    // however small or odd the caller's value.
+    const std::string long_name(200, 'u');
+    EXPECT_EQ(call("vex_auth_add_session", add_session("S-1", long_name, 1)), kOk);
+    for (int length : {1, 0, -5, 255})
+        EXPECT_EQ(call("vex_auth_get_session", get_session("S-1", 1, length)), found(long_name)) << length;
+
+    // A session the library refuses to store (it wants a user) is the failure reply.
+    EXPECT_EQ(call("vex_auth_add_session", add_session("S-3", "", 1)), kAddFail);
+}
+
+TEST_F(AccountsAndAuth, SessionInputErrorsNeverLoadTheLibrary)
+{
+    struct Case {
+        const char* command;
+        std::string request;
+        const std::string& reply;
+    };
+    const Case cases[] = {
+        // "length" is never used, yet it is required.
+        {"vex_auth_get_session", R"({"sid": "S-1", "type": 1})", kParseError},
+        {"vex_auth_get_session", R"({"sid": "S-1", "type": 1, "length": "64"})", kParseError},
+        {"vex_auth_get_session", R"({"type": 1, "length": 64})", kParseError},
+        {"vex_auth_get_session", "", kInputError},
+        {"vex_auth_add_session", R"({"sid": "S-1", "user": "alice"})", kParseError},
+        {"vex_auth_add_session", R"({"sid": "S-1", "user": "alice", "type": 4294967296})", kParseError},
+        {"vex_auth_add_session", R"({"sid": "S-1", "type": 1})", kParseError},
+        {"vex_auth_add_session", "", kInputError},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.command) + " " + c.request);
+        EXPECT_EQ(call(c.command, c.request), c.reply);
+    }
+    EXPECT_TRUE(root_.calls().empty());
+}
+
+TEST_F(AccountsAndAuth, AMissingLibraryOrFunctionIsTheFailureReply)
+{
+    const std::string nas_lib = root_.read_file(PATH_LIB_NAS);
+    const std::string config_lib = root_.read_file(PATH_LIB_CONFIG);
+
+    // A file that is not a library at all, then none.
+    root_.write_file(PATH_LIB_NASAUTH, "not a library\n");
+    EXPECT_EQ(call("vex_auth_add_session", add_session("S-1", "alice", 1)), kAddFail);
+    root_.remove(PATH_LIB_NASAUTH);
+    EXPECT_EQ(call("vex_auth_add_session", add_session("S-1", "alice", 1)), kAddFail);
+    EXPECT_EQ(call("vex_auth_get_session", get_session("S-1", 1)), kGetFail);
+    root_.remove(PATH_LIB_CONFIG);
+    EXPECT_EQ(call("get_sms_config"), kSmsFail);
+
+    // Real libraries that lack the function: each stands in for another.
+    root_.write_file(PATH_LIB_NASAUTH, nas_lib);
+    root_.write_file(PATH_LIB_CONFIG, nas_lib);
+    root_.write_file(PATH_LIB_NAS, config_lib);
+    EXPECT_EQ(call("vex_auth_add_session", add_session("S-1", "alice", 1)), kAddFail);
+    EXPECT_EQ(call("vex_auth_get_session", get_session("S-1", 1)), kGetFail);
+    EXPECT_EQ(call("get_sms_config"), kSmsFail);
+    EXPECT_EQ(call("get_all_users"), kUsersFail);
+    EXPECT_EQ(call("get_all_groups"), kGroupsFail);
+    EXPECT_EQ(call("get_group_members", R"({"group_name": "everyone"})"), kMembersFail);
+    // Nothing was called anywhere.
+    EXPECT_TRUE(root_.calls().empty());
+
+    const std::string log = daemon_.debug_log();
+    EXPECT_NE(log.find("] dlopen " + root_.abs(PATH_LIB_NASAUTH) + " fail: "), std::string::npos) << log;
+    EXPECT_NE(log.find("] dlsym Get_Local_User_List_V2 in /usr/lib/libHalcyon_NAS.so.0.0 fail: "), std::string::npos)
+        << log;
+}
+
+TEST_F(AccountsAndAuth, UsersAndGroupsComeInLibraryOrder)
+{
+    EXPECT_EQ(call("get_all_users"),
+              "{\"local_count\":4,\"result\":0,\"user_list\":[\"admin\",\"guest\",\"alice\",\"bob\"]}\n");
+    EXPECT_EQ(call("get_all_groups"),
+              "{\"group_list\":[\"administrators\",\"everyone\",\"guest\"],\"local_count\":3,\"result\":0}\n");
+    EXPECT_EQ(argvs(root_, PATH_LIB_NAS), (std::vector<Argv>{{"Get_Local_User_List_V2"}, {"Get_Local_Group_List_V2"}}));
+
+    // The longest names the lists hold come back whole, quotes and all.
+    const std::string user = std::string(31, 'u') + "\"";
+    const std::string group = std::string(255, 'g') + "\\";
+    root_.write_file("/etc/passwd", user + ":x:1:1::/:/bin/sh\n");
+    root_.write_file("/etc/group", "everyone:x:100:" + user + "\n" + group + ":x:101:\n");
+    Json::Value users, groups;
+    users["local_count"] = 1;
+    users["result"] = 0;
+    users["user_list"].append(user);
+    groups["local_count"] = 2;
+    groups["result"] = 0;
+    groups["group_list"].append("everyone");
+    groups["group_list"].append(group);
+    EXPECT_EQ(call("get_all_users"), json(users));
+    EXPECT_EQ(call("get_all_groups"), json(groups));
+
+    // None at all: a count of 0 and no list key, not an empty list.
+    root_.write_file("/etc/passwd", "");
+    root_.write_file("/etc/group", "# nobody here\n");
+    EXPECT_EQ(call("get_all_users"), "{\"local_count\":0,\"result\":0}\n");
+    EXPECT_EQ(call("get_all_groups"), "{\"local_count\":0,\"result\":0}\n");
+
+    // The library's error.
+    root_.remove("/etc/passwd");
+    root_.remove("/etc/group");
+    EXPECT_EQ(call("get_all_users"), kUsersFail);
+    EXPECT_EQ(call("get_all_groups"), kGroupsFail);
+}
+
+TEST_F(AccountsAndAuth, GroupMembersAreOneFlagPerEntry)
+{
+    EXPECT_EQ(call("get_group_members", R"({"group_name": "everyone"})"),
+              "{\"result\":0,\"user_count\":3,\"user_list\":[true,true,true]}\n");
+    EXPECT_EQ(argvs(root_, PATH_LIB_NAS), (std::vector<Argv>{{"Get_NAS_User_List_Of_Group_Ex", "everyone"}}));
+
+    const std::string odd_group = "Video \"Ops\" 2";
+    root_.write_file("/etc/group", "holes:x:1:,alice,,bob,\nempty:x:2:\n" + odd_group + ":x:3:carol\n");
+    EXPECT_EQ(call("get_group_members", R"({"group_name": "holes"})"),
+              "{\"result\":0,\"user_count\":5,\"user_list\":[false,true,false,true,false]}\n");
+    EXPECT_EQ(call("get_group_members", R"({"group_name": "empty"})"),
+              "{\"result\":0,\"user_count\":0,\"user_list\":[]}\n");
+    Json::Value req;
+    req["group_name"] = odd_group;
+    EXPECT_EQ(call("get_group_members", json(req)), "{\"result\":0,\"user_count\":1,\"user_list\":[true]}\n");
+    EXPECT_EQ(argvs(root_, PATH_LIB_NAS).back(), (Argv{"Get_NAS_User_List_Of_Group_Ex", odd_group}));
+
+    EXPECT_EQ(call("get_group_members", R"({"group_name": "nosuchgroup"})"), kMembersFail);
+
+    root_.clear_calls();
+    EXPECT_EQ(call("get_group_members", R"({})"), kParseError);
+    EXPECT_EQ(call("get_group_members", R"({"group": "everyone"})"), kParseError);
+    EXPECT_EQ(call("get_group_members", R"({"group_name": ["everyone"]})"), kParseError);
+    EXPECT_EQ(call("get_group_members", ""), kInputError);
+    EXPECT_TRUE(root_.calls().empty());
+}
+
+TEST_F(AccountsAndAuth, SmsSettingsAreCopiedFieldByField)
+{
+    // It takes no arguments and never looks at the request.
+    EXPECT_EQ(call("get_sms_config", "not json"), kDefaultSms);
+    EXPECT_EQ(argvs(root_, PATH_LIB_CONFIG), (std::vector<Argv>{{"Get_SMS_config"}}));
+
+    // Every text as long as its field holds, every number its own.
+    root_.write_file("/var/lib/sim/sms.conf",
+                     "[SMS]\nmode = -1\nmax_provider = 2147483647\nnow_provider = -2147483648\nusing_provider = 7\n"
+                     "country = " + std::string(15, 'c') + "\ncountry_code = " + std::string(15, '9') +
+                         "\nphone1 = " + std::string(31, '1') + "\nphone2 = " + std::string(31, '2') + "\n");
+    Json::Value full;
+    full["mode"] = -1;
+    full["max_provider"] = 2147483647;
+    full["now_provider"] = -2147483647 - 1;
+    full["using_provider"] = 7;
+    full["country"] = std::string(15, 'c');
+    full["country_code"] = std::string(15, '9');
+    full["phone1"] = std::string(31, '1');
+    full["phone2"] = std::string(31, '2');
+    full["result"] = 0;
+    EXPECT_EQ(call("get_sms_config"), json(full));
+
+    // Without settings the library leaves the record as we zeroed it.
+    root_.remove("/var/lib/sim/sms.conf");
+    EXPECT_EQ(call("get_sms_config"),
+              "{\"country\":\"\",\"country_code\":\"\",\"max_provider\":0,\"mode\":0,\"now_provider\":0,"
+              "\"phone1\":\"\",\"phone2\":\"\",\"result\":0,\"using_provider\":0}\n");
+}
+
+TEST_F(AccountsAndAuth, LoadingPerCallLeavesNoDescriptorAndSurvivesOverlap)
+{
+    ASSERT_EQ(call("vex_auth_add_session", add_session("S-9", "bob", 3)), kOk);
+    const std::string users = call("get_all_users");
+    const int before = settled_fd_count(daemon_.pid());
+    ASSERT_GT(before, 0);
+
+    // Four callers at once on the two workers, each library loaded and
+    // unloaded under the others' feet.
+    const struct {
+        const char* command;
+        std::string request, reply;
+    } mix[] = {
+        {"get_all_users", "{}", users},
+        {"vex_auth_get_session", get_session("S-9", 3), found("bob")},
+        {"get_group_members", R"({"group_name": "everyone"})",
+         "{\"result\":0,\"user_count\":3,\"user_list\":[true,true,true]}\n"},
+        {"get_sms_config", "{}", kDefaultSms},
+    };
+    std::vector<std::string> wrong[4];
+    std::vector<std::thread> callers;
+    for (int t = 0; t < 4; ++t)
+        callers.emplace_back([&, t] {
+            for (int i = 0; i < 15; ++i) {
+                const auto& m = mix[(t + i) % 4];
+                std::string reply = daemon_.call(m.command, m.request);
+                if (reply != m.reply)
+                    wrong[t].push_back(std::string(m.command) + ": " + reply);
+            }
+        });
+    for (std::thread& t : callers)
+        t.join();
+    for (const auto& w : wrong)
+        EXPECT_TRUE(w.empty()) << w.front();
+
+    EXPECT_LE(settled_fd_count(daemon_.pid()), before);
+    // An orderly stop, and nothing went astray on the daemon's stderr.
+    EXPECT_EQ(daemon_.stop(), 0);
+    EXPECT_EQ(daemon_.stderr_text(), "");
+}
+
+}  // namespace

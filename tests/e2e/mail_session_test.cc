@@ -1,0 +1,434 @@
+// Session ids and mail, end to end through the daemon on a simulated
+// platform: admctl's argument vector and the shapes of its output, sendmail's
+// arguments and standard input in both branches, the files a mail leaves in
+// the log directory, and the requests refused before anything runs (names
+// that are not file names, planted links and foreign files).
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "dv.h"
+#include "platform/paths.h"
+#include "support/daemon_process.h"
+#include "support/files.h"
+#include "support/settle.h"
+#include "support/sim_root.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Argv = std::vector<std::string>;
+
+const std::string kInputError = "{\"error_code\":-1,\"error_msg\":\"input error\"}\n";
+const std::string kParseError = "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n";
+const std::string kSessFail = "{\"error_code\":-2,\"error_msg\":\"get_sess_id fail\"}\n";
+const std::string kRefused = "{\"result\":-1}\n";
+
+std::string mail_request(const std::string& user, const std::string& pwd, const std::string& conf = "mail.conf",
+                         const std::string& content = "mail.txt")
+{
+    Json::Value req;
+    req["user"] = user;
+    req["pwd"] = pwd;
+    req["config_file"] = conf;
+    req["content_file"] = content;
+    return Json::FastWriter().write(req);
+}
+
+std::string trace_text(const std::string& user, const std::string& pwd, const std::string& conf,
+                       const std::string& content, int ret)
+{
+    return "str_usr=[" + user + "]\nstr_pwd=[" + pwd + "]\nstr_conf_path=[/tmp/vexpro_sendmail/" + conf +
+           "]\nstr_content_path=[/tmp/vexpro_sendmail/" + content + "]\nstr_cmd_sendmail=[]\nstr_cmd_rm=[]\nret_val=[" +
+           std::to_string(ret) + "]\n";
+}
+
+// Everything under dir, as far as a test can tell files apart: type, mode,
+// link target or content.
+std::map<std::string, std::string> snapshot(const std::string& dir)
+{
+    std::map<std::string, std::string> out;
+    std::error_code ec;
+    for (auto it = fs::recursive_directory_iterator(dir, ec); !ec && it != fs::recursive_directory_iterator();
+         it.increment(ec)) {
+        struct stat st;
+        const std::string path = it->path().string();
+        if (lstat(path.c_str(), &st) != 0)
+            continue;
+        std::string what = std::to_string(st.st_mode) + " " + std::to_string(st.st_uid) + " ";
+        if (S_ISLNK(st.st_mode))
+            what += fs::read_symlink(it->path()).string();
+        else if (S_ISREG(st.st_mode))
+            what += read_text_file(path);
+        out[path.substr(dir.size())] = what;
+    }
+    return out;
+}
+
+size_t count(const std::string& text, const std::string& what)
+{
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+int open_fds(pid_t pid)
+{
+    const std::string dir = "/proc/" + std::to_string(pid) + "/fd";
+    return static_cast<int>(std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
+}
+
+// The daemon's count once its workers have finished closing the sockets of
+// requests already answered.
+int settled_fds(pid_t pid)
+{
+    int last = open_fds(pid);
+    for (int stable = 0, rounds = 0; stable < 5 && rounds < 200; ++rounds) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        int now = open_fds(pid);
+        stable = now == last ? stable + 1 : 0;
+        last = now;
+    }
+    return last;
+}
+
+bool is_link(const std::string& path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+}
+
+class MailSession : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(daemon_.start()) << daemon_.stderr_text();
+        root_.clear_calls();
+    }
+    // An orderly stop with nothing on stderr: no sanitizer report, no stray output.
+    void TearDown() override
+    {
+        EXPECT_EQ(daemon_.stop(), 0);
+        EXPECT_EQ(daemon_.stderr_text(), "");
+    }
+
+    std::string call(const std::string& command, const std::string& request)
+    {
+        int status = -1;
+        std::string reply = daemon_.call(command, request, &status);
+        EXPECT_EQ(status, DV_STATUS_OK) << command;
+        return reply;
+    }
+    std::string mail(const std::string& request)
+    {
+        int status = -1;
+        std::string reply = daemon_.call_mail("sendmail", request, &status);
+        EXPECT_EQ(status, DV_STATUS_OK);
+        return reply;
+    }
+    void spool(const std::string& conf = "CONF\n", const std::string& content = "Subject: hi\n\nbody\n")
+    {
+        root_.write_file("/tmp/vexpro_sendmail/mail.conf", conf);
+        root_.write_file("/tmp/vexpro_sendmail/mail.txt", content);
+    }
+
+    SimRoot root_;
+    DaemonProcess daemon_{root_};
+};
+
+TEST_F(MailSession, SessionIdIsTheThirdWordOfAdmctlsSecondLine)
+{
+    // Unsteered: a known user logs in, an unknown one gets admctl's one line.
+    const std::string ok = call("get_sess_id", R"({"user": "admin", "pwd": "secret"})");
+    EXPECT_EQ(ok.rfind("{\"error_code\":0,\"sid\":\"", 0), 0u) << ok;
+    EXPECT_GT(ok.size(), std::string("{\"error_code\":0,\"sid\":\"\"}\n").size());
+    EXPECT_EQ(call("get_sess_id", R"({"user": "nobody", "pwd": "secret"})"), kSessFail);
+    const std::vector<SimCall> calls = root_.calls(PATH_ADMCTL);
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[0].argv, (Argv{"admctl", "-l", "user=admin", "pw=secret"}));
+
+    // Exactly two non-empty lines, the second of exactly three words; the
+    // tool's exit status is not looked at.
+    const std::pair<std::string, std::string> shapes[] = {
+        {"Login admin OK.\nSession id: 0a1b2c\n", "{\"error_code\":0,\"sid\":\"0a1b2c\"}\n"},
+        {"Login admin OK.\nSession id: 0a1b2c", "{\"error_code\":0,\"sid\":\"0a1b2c\"}\n"},
+        {"Login admin OK.\n\nSession  id: 0a1b2c\n\n", "{\"error_code\":0,\"sid\":\"0a1b2c\"}\n"},
+        {"Session id: 0a1b2c\n", kSessFail},
+        {"Login admin OK.\nSession id: 0a1b2c\nmore\n", kSessFail},
+        {"Login admin OK.\nSession: 0a1b2c\n", kSessFail},
+        {"Login admin OK.\nSession id: 0a1b2c extra\n", kSessFail},
+        {"", kSessFail},
+    };
+    root_.set_exit(PATH_ADMCTL, 1);
+    for (const auto& [output, reply] : shapes) {
+        SCOPED_TRACE(output);
+        root_.set_output(PATH_ADMCTL, output);
+        EXPECT_EQ(call("get_sess_id", R"({"user": "admin", "pwd": "secret"})"), reply);
+    }
+
+    // Each credential is cut to fit its 32-byte argument.
+    root_.clear_calls();
+    call("get_sess_id", "{\"user\": \"" + std::string(40, 'u') + "\", \"pwd\": \"" + std::string(40, 'p') + "\"}");
+    ASSERT_EQ(root_.calls(PATH_ADMCTL).size(), 1u);
+    EXPECT_EQ(root_.calls(PATH_ADMCTL)[0].argv,
+              (Argv{"admctl", "-l", "user=" + std::string(26, 'u'), "pw=" + std::string(28, 'p')}));
+
+    // Input errors run nothing.
+    root_.clear_calls();
+    EXPECT_EQ(call("get_sess_id", ""), kInputError);
+    for (const char* bad : {"{}", R"({"user": "admin"})", R"({"user": "admin", "pwd": 1})", "user=admin"})
+        EXPECT_EQ(call("get_sess_id", bad), kParseError) << bad;
+    EXPECT_TRUE(root_.calls(PATH_ADMCTL).empty());
+}
+
+TEST_F(MailSession, AuthenticatedMailFeedsTheConfigurationAndLeavesItsFilesInTheLog)
+{
+    // A log directory of ours that others could write into is closed to them.
+    fs::create_directory(root_.abs("/tmp/.vexpro_log"));
+    ASSERT_EQ(chmod(root_.abs("/tmp/.vexpro_log").c_str(), 0777), 0);
+    spool();
+    EXPECT_EQ(mail(mail_request("alice", "pw 1")), "{\"result\":0}\n");
+
+    const std::vector<SimCall> calls = root_.calls();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].who, PATH_SENDMAIL);
+    // The password deliberately goes in the same -au form as the user.
+    EXPECT_EQ(calls[0].argv, (Argv{"sendmail", "-aualice", "-aupw 1", "-C", "/tmp/vexpro_sendmail/mail.conf", "-t"}));
+    EXPECT_EQ(calls[0].input, "CONF\n");
+
+    EXPECT_TRUE(fs::is_empty(root_.abs("/tmp/vexpro_sendmail")));
+    EXPECT_EQ(root_.read_file("/tmp/.vexpro_log/sendmail.conf"), "CONF\n");
+    EXPECT_EQ(root_.read_file("/tmp/.vexpro_log/sendmail.content"), "Subject: hi\n\nbody\n");
+    EXPECT_EQ(root_.read_file("/tmp/.vexpro_log/sendmail.log"), "");
+    EXPECT_EQ(root_.read_file("/tmp/.vexpro_log/sendmail.dbg"),
+              trace_text("alice", "pw 1", "mail.conf", "mail.txt", 0));
+    struct stat st;
+    ASSERT_EQ(lstat(root_.abs("/tmp/.vexpro_log").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
+    // The trace holds a password.
+    ASSERT_EQ(lstat(root_.abs("/tmp/.vexpro_log/sendmail.dbg").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(std::distance(fs::directory_iterator(root_.abs("/tmp/.vexpro_log")), fs::directory_iterator()), 4);
+
+    const std::string log = daemon_.debug_log();
+    for (const char* line : {"] exec sendmail start.\n", "] str_conf_path=[/tmp/vexpro_sendmail/mail.conf].\n",
+                             "] str_content_path=[/tmp/vexpro_sendmail/mail.txt].\n", "] str_cmd_sendmail=[].\n",
+                             "] ret_val=[0].\n\n"})
+        EXPECT_NE(log.find(line), std::string::npos) << line << log;
+}
+
+TEST_F(MailSession, UnauthenticatedMailFeedsTheContentAndPassesStatusesThrough)
+{
+    struct Case {
+        std::string user, pwd;
+        std::string conf, content;  // "" leaves the spool file out
+        int exit_code;              // of the steered sendmail, -1 for none
+        std::string reply;
+        bool ran;
+    };
+    const Case cases[] = {
+        // A user without a password is no login: no -au options.
+        {"alice", "", "CONF\n", "To: bob\n\nhi\n", -1, "{\"result\":0}\n", true},
+        {"", "pw", "CONF\n", "To: bob\n\nhi\n", -1, "{\"result\":0}\n", true},
+        // sendmail's status comes back raw: 1 is 256, a missing
+        // configuration (78) 19968.
+        {"", "", "CONF\n", "To: bob\n\nhi\n", 1, "{\"result\":256}\n", true},
+        {"", "", "", "To: bob\n\nhi\n", -1, "{\"result\":19968}\n", true},
+        // No input to feed: nothing starts.
+        {"", "", "CONF\n", "", -1, "{\"result\":-1}\n", false},
+    };
+    const int fds = settled_fds(daemon_.pid());
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.user + "/" + c.pwd + "/" + c.reply);
+        root_.clear_calls();
+        root_.remove("/var/lib/sim/steer/usr/sbin/sendmail.exit");
+        if (c.exit_code >= 0)
+            root_.set_exit(PATH_SENDMAIL, c.exit_code);
+        root_.remove("/tmp/vexpro_sendmail/mail.conf");
+        root_.remove("/tmp/vexpro_sendmail/mail.txt");
+        if (!c.conf.empty())
+            root_.write_file("/tmp/vexpro_sendmail/mail.conf", c.conf);
+        if (!c.content.empty())
+            root_.write_file("/tmp/vexpro_sendmail/mail.txt", c.content);
+        // The last mail's copies are replaced, or left when this one has none.
+        root_.write_file("/tmp/.vexpro_log/sendmail.conf", "OLD CONF");
+        root_.write_file("/tmp/.vexpro_log/sendmail.content", "OLD CONTENT");
+
+        EXPECT_EQ(mail(mail_request(c.user, c.pwd)), c.reply);
+        const std::vector<SimCall> calls = root_.calls(PATH_SENDMAIL);
+        if (c.ran) {
+            ASSERT_EQ(calls.size(), 1u);
+            EXPECT_EQ(calls[0].argv, (Argv{"sendmail", "-C", "/tmp/vexpro_sendmail/mail.conf", "-t"}));
+            EXPECT_EQ(calls[0].input, c.content);
+        } else {
+            EXPECT_TRUE(calls.empty());
+            EXPECT_FALSE(root_.exists("/tmp/.vexpro_log/sendmail.log"));
+        }
+        EXPECT_TRUE(fs::is_empty(root_.abs("/tmp/vexpro_sendmail")));
+        EXPECT_EQ(root_.read_file("/tmp/.vexpro_log/sendmail.conf"), c.conf.empty() ? "OLD CONF" : c.conf);
+        EXPECT_EQ(root_.read_file("/tmp/.vexpro_log/sendmail.content"), c.content.empty() ? "OLD CONTENT" : c.content);
+        const int ret = std::stoi(c.reply.substr(10));
+        EXPECT_EQ(root_.read_file("/tmp/.vexpro_log/sendmail.dbg"),
+                  trace_text(c.user, c.pwd, "mail.conf", "mail.txt", ret));
+    }
+
+    EXPECT_EQ(settled_fds(daemon_.pid()), fds);
+
+    // sendmail's output and error output both land in sendmail.log.
+    root_.remove("/var/lib/sim/steer/usr/sbin/sendmail.exit");
+    spool();
+    root_.set_output(PATH_SENDMAIL, "queued\n");
+    root_.set_stderr(PATH_SENDMAIL, "warning\n");
+    EXPECT_EQ(mail(mail_request("", "")), "{\"result\":0}\n");
+    const std::string log = root_.read_file("/tmp/.vexpro_log/sendmail.log");
+    EXPECT_NE(log.find("queued\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("warning\n"), std::string::npos) << log;
+
+    // Input errors run and move nothing.
+    spool();
+    root_.clear_calls();
+    EXPECT_EQ(mail(""), kInputError);
+    for (const char* bad : {"{}", R"({"user": "", "pwd": "", "config_file": "mail.conf"})",
+                            R"({"user": 1, "pwd": "", "config_file": "mail.conf", "content_file": "mail.txt"})"})
+        EXPECT_EQ(mail(bad), kParseError) << bad;
+    EXPECT_TRUE(root_.calls().empty());
+    EXPECT_TRUE(root_.exists("/tmp/vexpro_sendmail/mail.conf"));
+}
+
+// Every refused mail: nothing runs, and nothing under /tmp changes.
+TEST_F(MailSession, MailIsRefusedForPathsAndPlantedFilesWithNothingTouched)
+{
+    const std::string tmp = root_.abs("/tmp");
+    const std::string victim = root_.abs("/tmp/victim");
+    struct Case {
+        const char* what;
+        std::function<void()> plant;
+        std::string request;
+    };
+    auto link_to = [](const std::string& target, const std::string& link) {
+        return [=] { ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0) << link; };
+    };
+    const std::string log_dir = root_.abs("/tmp/.vexpro_log");
+    const std::string spool_dir = root_.abs("/tmp/vexpro_sendmail");
+    std::vector<Case> cases;
+    for (const char* name : {"", ".", "..", "../victim", "sub/mail.conf", "/tmp/victim"}) {
+        cases.push_back({name, [] {}, mail_request("", "", name, "mail.txt")});
+        cases.push_back({name, [] {}, mail_request("alice", "pw", "mail.conf", name)});
+    }
+    cases.push_back(
+        {"spool conf link", link_to(victim, spool_dir + "/evil.conf"), mail_request("a", "p", "evil.conf")});
+    cases.push_back({"spool content link", link_to(victim, spool_dir + "/evil.txt"),
+                     mail_request("", "", "mail.conf", "evil.txt")});
+    cases.push_back({"spool fifo", [&] { ASSERT_EQ(mkfifo((spool_dir + "/fifo").c_str(), 0666), 0); },
+                     mail_request("", "", "mail.conf", "fifo")});
+    cases.push_back({"spool second name", [&] { ASSERT_EQ(link(victim.c_str(), (spool_dir + "/hard").c_str()), 0); },
+                     mail_request("", "", "mail.conf", "hard")});
+    cases.push_back({"spool dir link",
+                     [&] {
+                         fs::rename(spool_dir, tmp + "/real_spool");
+                         ASSERT_EQ(symlink("real_spool", spool_dir.c_str()), 0);
+                     },
+                     mail_request("", "")});
+    cases.push_back({"log dir link",
+                     [&] {
+                         fs::create_directory(tmp + "/elsewhere");
+                         ASSERT_EQ(symlink("elsewhere", log_dir.c_str()), 0);
+                     },
+                     mail_request("", "")});
+    for (const char* entry : {"sendmail.log", "sendmail.dbg", "sendmail.conf", "sendmail.content"})
+        cases.push_back({entry,
+                         [&, entry] {
+                             fs::create_directory(log_dir);
+                             fs::permissions(log_dir, fs::perms(0755));
+                             ASSERT_EQ(symlink(victim.c_str(), (log_dir + "/" + entry).c_str()), 0);
+                         },
+                         mail_request("", "")});
+    // A link to nothing yet: opening it to write must not create its target.
+    cases.push_back({"dangling sendmail.log",
+                     [&] {
+                         fs::create_directory(log_dir);
+                         fs::permissions(log_dir, fs::perms(0755));
+                         ASSERT_EQ(symlink((tmp + "/created").c_str(), (log_dir + "/sendmail.log").c_str()), 0);
+                     },
+                     mail_request("", "")});
+    cases.push_back({"log entry with a second name",
+                     [&] {
+                         fs::create_directory(log_dir);
+                         fs::permissions(log_dir, fs::perms(0755));
+                         ASSERT_EQ(link(victim.c_str(), (log_dir + "/sendmail.dbg").c_str()), 0);
+                     },
+                     mail_request("", "")});
+    cases.push_back({"log dir a file", [&] { ASSERT_TRUE(write_text_file(log_dir, "x")); }, mail_request("", "")});
+    if (geteuid() == 0)
+        cases.push_back({"log dir of another user",
+                         [&] {
+                             fs::create_directory(log_dir);
+                             ASSERT_EQ(chown(log_dir.c_str(), 65534, 65534), 0);
+                         },
+                         mail_request("", "")});
+
+    const int fds = settled_fds(daemon_.pid());
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        for (const char* p : {"/tmp/.vexpro_log", "/tmp/elsewhere", "/tmp/vexpro_sendmail", "/tmp/real_spool"})
+            root_.remove(p);
+        fs::create_directory(spool_dir);
+        fs::permissions(spool_dir, fs::perms(0777));
+        spool();
+        root_.write_file("/tmp/victim", "precious\n");
+        c.plant();
+        root_.clear_calls();
+        const auto before = snapshot(tmp);
+        const size_t refusals = count(daemon_.debug_log(), "; mail refused.\n");
+
+        EXPECT_EQ(mail(c.request), kRefused);
+        EXPECT_TRUE(root_.calls().empty());
+        EXPECT_EQ(snapshot(tmp), before);
+        EXPECT_EQ(count(daemon_.debug_log(), "; mail refused.\n"), refusals + 1);
+    }
+    // Every refusal path closed what it had opened.
+    EXPECT_EQ(settled_fds(daemon_.pid()), fds);
+}
+
+// The spool is everybody's: an entry swapped while sendmail runs is not what
+// the mail used, and must not end up in our log directory.
+TEST_F(MailSession, ASpoolEntrySwappedDuringTheSendGoesBackToTheSpool)
+{
+    spool();
+    root_.write_file("/tmp/victim", "precious\n");
+    root_.set_delay_ms(PATH_SENDMAIL, 800);
+    auto reply = std::async(std::launch::async, [&] { return mail(mail_request("", "")); });
+    ASSERT_TRUE(eventually([&] { return !root_.calls(PATH_SENDMAIL).empty(); }, 5000));
+    const std::string entry = root_.abs("/tmp/vexpro_sendmail/mail.txt");
+    ASSERT_EQ(unlink(entry.c_str()), 0);
+    ASSERT_EQ(symlink(root_.abs("/tmp/victim").c_str(), entry.c_str()), 0);
+
+    EXPECT_EQ(reply.get(), "{\"result\":0}\n");
+    EXPECT_EQ(root_.calls(PATH_SENDMAIL)[0].input, "Subject: hi\n\nbody\n");
+    EXPECT_TRUE(is_link(entry));
+    // The daemon made the log directory itself, closed to others.
+    struct stat st;
+    ASSERT_EQ(lstat(root_.abs("/tmp/.vexpro_log").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(st.st_mode & 022, 0u);
+    EXPECT_EQ(root_.read_file("/tmp/.vexpro_log/sendmail.conf"), "CONF\n");
+    EXPECT_FALSE(root_.exists("/tmp/.vexpro_log/sendmail.content"));
+    EXPECT_EQ(std::distance(fs::directory_iterator(root_.abs("/tmp/.vexpro_log")), fs::directory_iterator()), 3);
+    EXPECT_EQ(root_.read_file("/tmp/victim"), "precious\n");
+    EXPECT_NE(daemon_.debug_log().find(
+                  "] /tmp/vexpro_sendmail/mail.txt changed while the mail was sent; left in the spool.\n"),
+              std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,429 @@
+// The reverse proxy through the daemon program: the per-rule virtual hosts
+// byte for byte, deleting, start versus graceful reload, the reply, the
+// requests that get no reply, and the GUIDs and values that must never
+// reach a file outside extra/ or a directive of their own.
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "daemon/strutil.h"
+#include "dv.h"
+#include "platform/paths.h"
+#include "platform/sim/simlib.h"
+#include "support/daemon_process.h"
+#include "support/env.h"
+#include "support/sim_root.h"
+#include "support/tempdir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Argv = std::vector<std::string>;
+
+const std::string kExtra = PATH_REVERSEPROXY_EXTRA_DIR;
+const std::string kQuotedStart =
+    "\"/usr/sbin/reverseproxy_vexpro -k start -f /etc/reverseproxy_vexpro/reverseproxy-vexpro.conf\"";
+const Argv kStartArgv = {"daemon_mgr", "reverseproxy_vexpro", "start", kQuotedStart};
+const Argv kReloadArgv = {"reverseproxy_vexpro", "-k", "graceful", "-f", PATH_REVERSEPROXY_CONF};
+
+std::string decode(const std::string& text)
+{
+    std::string out;
+    base64_decode(text, out);
+    return out;
+}
+
+std::string encode(const std::string& text)
+{
+    std::string out;
+    base64_encode(text, out);
+    return out;
+}
+
+std::string success(const std::string& output, int cli_ret = 0)
+{
+    return "{\"cli_ret\":" + std::to_string(cli_ret) + ",\"result\":0,\"result_out\":\"" + encode(output) + "\"}\n";
+}
+
+// Every path under dir, relative to it; directories end in '/'.
+std::set<std::string> tree(const std::string& dir)
+{
+    std::set<std::string> out;
+    std::error_code ec;
+    for (auto it = fs::recursive_directory_iterator(dir, ec); !ec && it != fs::recursive_directory_iterator();
+         it.increment(ec)) {
+        std::string rel = it->path().lexically_relative(dir).string();
+        out.insert(it->is_directory() && !it->is_symlink() ? rel + "/" : rel);
+    }
+    return out;
+}
+
+// The paths added ("+path") and gone ("-path") between two trees.
+std::set<std::string> changes(const std::set<std::string>& before, const std::set<std::string>& after)
+{
+    std::set<std::string> out;
+    for (const std::string& p : after)
+        if (!before.count(p))
+            out.insert("+" + p);
+    for (const std::string& p : before)
+        if (!after.count(p))
+            out.insert("-" + p);
+    return out;
+}
+
+// One daemon for the suite; every test starts with the proxy running (the
+// pid file present), an empty extra/ directory and no chain file.
+class ReverseProxy : public testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        root_ = new SimRoot;
+        captures_ = new TempDir;
+        daemon_ = new DaemonProcess(*root_);
+        // Only the daemon keeps its temporary files there.
+        ScopedEnv tmpdir("TMPDIR", captures_->path().c_str());
+        ASSERT_TRUE(daemon_->start()) << daemon_->stderr_text();
+    }
+    static void TearDownTestSuite()
+    {
+        // An orderly stop, and nothing on stderr: a sanitizer build reports there.
+        EXPECT_EQ(daemon_->stop(), 0);
+        EXPECT_EQ(daemon_->stderr_text(), "");
+        delete daemon_;
+        delete captures_;
+        delete root_;
+    }
+
+    void SetUp() override
+    {
+        root_->remove(sim::STEER_DIR);
+        root_->remove(kExtra);
+        fs::create_directories(root_->abs(kExtra));
+        root_->remove(PATH_UCA_PEM);
+        root_->write_file(PATH_REVERSEPROXY_PID, "4242\n");
+        root_->clear_calls();
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(tree(captures_->path()), std::set<std::string>{}) << "capture files left behind";
+    }
+
+    std::string call(const std::string& request, int* status = nullptr)
+    {
+        int st = -1;
+        std::string reply = daemon_->call("reverse_proxy", request, &st);
+        if (status)
+            *status = st;
+        else
+            EXPECT_EQ(st, DV_STATUS_OK) << request;
+        return reply;
+    }
+    std::vector<Argv> argvs(const std::string& who) const
+    {
+        std::vector<Argv> out;
+        for (const SimCall& c : root_->calls(who))
+            out.push_back(c.argv);
+        return out;
+    }
+    std::set<std::string> extra_files() const { return tree(root_->abs(kExtra)); }
+    std::string rule_text(const std::string& guid) const { return root_->read_file(kExtra + guid + ".conf"); }
+
+    static SimRoot* root_;
+    static TempDir* captures_;
+    static DaemonProcess* daemon_;
+};
+
+SimRoot* ReverseProxy::root_ = nullptr;
+TempDir* ReverseProxy::captures_ = nullptr;
+DaemonProcess* ReverseProxy::daemon_ = nullptr;
+
+const std::string kTail = "\tHeader set X-Frame-Options \"ALLOW-FROM *\"\n"
+                          "\tProxyPreserveHost on\n";
+const std::string kTls = "\tSSLEngine on\n"
+                         "\tSSLCipherSuite EECDH+CHACHA20:EECDH+AES\n"
+                         "\tAll -SSLv2 -SSLv3 -TLSv1 -TLSv1.1\n"
+                         "\tSSLCertificateFile \"/etc/stunnel/stunnel.pem\"\n";
+const std::string kChain = "\tSSLCertificateChainFile \"/etc/stunnel/uca.pem\"\n";
+const std::string kHsts = "\tHeader set Strict-Transport-Security \"max-age=63072000\"\n";
+const std::string kSslProxy = "\tSSLProxyEngine on\n\tSSLProxyVerify none\n\tSSLProxyCheckPeerCN off\n"
+                              "\tSSLProxyCheckPeerName off\n\tSSLProxyCheckPeerExpire off\n";
+
+std::string proxy_lines(const std::string& target)
+{
+    return "\tProxyPass / " + target + " connectiontimeout=60 timeout=60\n\tProxyPassReverse / " + target +
+           "\n</VirtualHost>\n";
+}
+
+TEST_F(ReverseProxy, WritesEachKindOfRuleByteForByte)
+{
+    struct Case {
+        const char* name;
+        const char* rule;
+        bool chain_file;
+        std::string text;
+    };
+    const Case cases[] = {
+        {"http", R"({"GUID":"web","port":8081,"des_port":80,"protocol":"http","des_protocol":"http",
+                     "hsts":false,"host_name":"127.0.0.1","proxy_timeout":5})",
+         false, "Listen 8081\n<VirtualHost *:8081>\n" + kTail + proxy_lines("http://127.0.0.1:80/")},
+        {"https without hsts", R"({"GUID":"tls","port":8443,"des_port":8080,"protocol":"https",
+                                   "des_protocol":"http","hsts":false,"host_name":"nvr.local"})",
+         false, "Listen 8443\n<VirtualHost *:8443>\n" + kTls + kHsts + kTail + proxy_lines("http://nvr.local:8080/")},
+        {"https with hsts", R"({"GUID":"tls","port":8443,"des_port":8080,"protocol":"https",
+                                "des_protocol":"http","hsts":true,"host_name":"nvr.local"})",
+         false, "Listen 8443\n<VirtualHost *:8443>\n" + kTls + kTail + proxy_lines("http://nvr.local:8080/")},
+        {"https with chain file", R"({"GUID":"tls","port":8443,"des_port":8080,"protocol":"https",
+                                      "des_protocol":"http","hsts":false,"host_name":"nvr.local"})",
+         true,
+         "Listen 8443\n<VirtualHost *:8443>\n" + kTls + kChain + kHsts + kTail + proxy_lines("http://nvr.local:8080/")},
+        {"https to https with chain and hsts", R"({"GUID":"both","port":443,"des_port":9443,"protocol":"https",
+                                                  "des_protocol":"https","hsts":true,"host_name":"10.0.0.7"})",
+         true,
+         "Listen 443\n<VirtualHost *:443>\n" + kTls + kChain + kSslProxy + kTail +
+             proxy_lines("https://10.0.0.7:9443/")},
+        {"wss behind http", R"({"GUID":"live","port":8090,"des_port":7001,"protocol":"http",
+                                "des_protocol":"wss","host_name":"127.0.0.1","proxy_timeout":300})",
+         false, "Listen 8090\n<VirtualHost *:8090>\n" + kSslProxy + kTail + proxy_lines("wss://127.0.0.1:7001/")},
+        {"ws and missing keys", R"({"GUID":"bare","des_protocol":"ws"})",
+         false, "Listen 0\n<VirtualHost *:0>\n" + kTail + proxy_lines("ws://:0/")},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (c.chain_file)
+            root_->write_file(PATH_UCA_PEM, "chain\n");
+        else
+            root_->remove(PATH_UCA_PEM);
+        root_->clear_calls();
+        EXPECT_EQ(call(std::string(R"({"action":"add","rule_list":[)") + c.rule + "]}"), success(""));
+        Json::Value rule;
+        ASSERT_TRUE(Json::Reader().parse(c.rule, rule));
+        EXPECT_EQ(rule_text(rule["GUID"].asString()), c.text);
+        EXPECT_EQ(argvs(PATH_REVERSEPROXY), std::vector<Argv>{kReloadArgv});
+        EXPECT_EQ(argvs(PATH_DAEMON_MGR), std::vector<Argv>{});
+    }
+    // Rewriting a rule replaces its file rather than appending to it.
+    EXPECT_EQ(extra_files(), (std::set<std::string>{"web.conf", "tls.conf", "both.conf", "live.conf", "bare.conf"}));
+}
+
+TEST_F(ReverseProxy, DeleteRemovesOnlyTheNamedFiles)
+{
+    call(R"({"action":"add","rule_list":[{"GUID":"a","port":1},{"GUID":"b","port":2},{"GUID":"c","port":3}]})");
+    ASSERT_EQ(extra_files(), (std::set<std::string>{"a.conf", "b.conf", "c.conf"}));
+    root_->clear_calls();
+
+    // A GUID without a file, an empty one and a missing one are passed over.
+    EXPECT_EQ(call(R"({"action":"delete","rule_list":[{"GUID":"b","port":"not read"},{"GUID":"gone"},
+                                                      {"GUID":""},{}]})"),
+              success(""));
+    EXPECT_EQ(extra_files(), (std::set<std::string>{"a.conf", "c.conf"}));
+    // A delete always reloads, never starts.
+    EXPECT_EQ(argvs(PATH_REVERSEPROXY), std::vector<Argv>{kReloadArgv});
+    EXPECT_EQ(argvs(PATH_DAEMON_MGR), std::vector<Argv>{});
+    std::string log = daemon_->debug_log();
+    EXPECT_NE(log.find("] get jRuleList[2] strGUID failed\n"), std::string::npos);
+    EXPECT_NE(log.find("] get jRuleList[3] strGUID failed\n"), std::string::npos);
+}
+
+TEST_F(ReverseProxy, StartsWhenThereIsNoPidFileAndReloadsOtherwise)
+{
+    root_->remove(PATH_REVERSEPROXY_PID);
+
+    // Even an add with nothing in it brings the proxy up.
+    EXPECT_EQ(call(R"({"action":"add","rule_list":[]})"), success("daemon_mgr: reverseproxy_vexpro start OK\n"));
+    EXPECT_EQ(argvs(PATH_DAEMON_MGR), std::vector<Argv>{kStartArgv});
+    // The manager ran the unquoted command line.
+    EXPECT_EQ(argvs(PATH_REVERSEPROXY),
+              (std::vector<Argv>{{"reverseproxy_vexpro", "-k", "start", "-f", PATH_REVERSEPROXY_CONF}}));
+    EXPECT_TRUE(root_->exists(PATH_REVERSEPROXY_PID));
+    EXPECT_TRUE(extra_files().empty());
+    std::string log = daemon_->debug_log();
+    EXPECT_NE(log.find("[nox_reverse_proxy_handler]["), std::string::npos);
+    EXPECT_NE(log.find("] proxy_cmd = " + kQuotedStart + "\n"), std::string::npos);
+    EXPECT_NE(log.find("] argv[3] = [" + kQuotedStart + "] \n"), std::string::npos);
+    EXPECT_NE(log.find("] argv[4] = [(null)] \n"), std::string::npos);
+
+    // Now it runs: the next add (no rule_list at all) reloads it.
+    root_->clear_calls();
+    EXPECT_EQ(call(R"({"action":"add"})"), success(""));
+    EXPECT_EQ(argvs(PATH_DAEMON_MGR), std::vector<Argv>{});
+    EXPECT_EQ(argvs(PATH_REVERSEPROXY), std::vector<Argv>{kReloadArgv});
+
+    // A delete reloads even when the proxy is down.
+    root_->remove(PATH_REVERSEPROXY_PID);
+    root_->clear_calls();
+    EXPECT_EQ(call(R"({"action":"delete","rule_list":[]})"), success("httpd not running, trying to start\n"));
+    EXPECT_EQ(argvs(PATH_DAEMON_MGR), std::vector<Argv>{});
+    EXPECT_EQ(argvs(PATH_REVERSEPROXY), std::vector<Argv>{kReloadArgv});
+}
+
+TEST_F(ReverseProxy, ReplyCarriesTheToolsOutputAndTheCaptureRemoval)
+{
+    const std::string printed = "graceful restart\n\xff binary \x01 bytes\n";
+    root_->set_output(PATH_REVERSEPROXY, printed);
+    std::string reply = call(R"({"action":"add","rule_list":[]})");
+    EXPECT_EQ(reply, success(printed, 0));
+    Json::Value parsed;
+    ASSERT_TRUE(Json::Reader().parse(reply, parsed));
+    EXPECT_EQ(decode(parsed["result_out"].asString()), printed);
+    EXPECT_NE(daemon_->debug_log().find("] exec /usr/sbin/reverseproxy_vexpro succ, ret_out=[graceful restart\n"),
+              std::string::npos);
+}
+
+TEST_F(ReverseProxy, UnknownActionsAndFailingToolsCloseTheConnectionWithoutAReply)
+{
+    struct Case {
+        const char* name;
+        const char* request;
+        const char* failing_program;  // steered to exit 1, or null
+        bool pid_file;
+    };
+    const Case cases[] = {
+        {"unknown action", R"({"action":"modify","rule_list":[{"GUID":"x","port":1}]})", nullptr, true},
+        {"action in capitals", R"({"action":"ADD","rule_list":[{"GUID":"x","port":1}]})", nullptr, true},
+        {"no action", R"({"rule_list":[{"GUID":"x","port":1}]})", nullptr, true},
+        {"reload fails", R"({"action":"add","rule_list":[{"GUID":"x","port":1}]})", PATH_REVERSEPROXY, true},
+        {"start fails", R"({"action":"add","rule_list":[]})", PATH_DAEMON_MGR, false},
+        {"delete fails", R"({"action":"delete","rule_list":[{"GUID":"x"}]})", PATH_REVERSEPROXY, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        root_->remove(sim::STEER_DIR);
+        if (c.failing_program)
+            root_->set_exit(c.failing_program, 1);
+        if (!c.pid_file)
+            root_->remove(PATH_REVERSEPROXY_PID);
+        root_->clear_calls();
+        int status = -1;
+        auto began = std::chrono::steady_clock::now();
+        EXPECT_EQ(call(c.request, &status), "");
+        EXPECT_EQ(status, DV_STATUS_SOCKET);
+        EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(3));
+        if (!c.failing_program) {
+            EXPECT_TRUE(root_->calls().empty());
+            EXPECT_TRUE(extra_files().empty());
+        }
+    }
+    std::string log = daemon_->debug_log();
+    EXPECT_NE(log.find("] unknown action = modify\n"), std::string::npos);
+    EXPECT_NE(log.find("] exec /usr/sbin/reverseproxy_vexpro failed, ret=[256]\n"), std::string::npos);
+    EXPECT_NE(log.find("] exec /sbin/daemon_mgr failed, ret=[256]\n"), std::string::npos);
+    // The daemon is none the worse for it.
+    root_->remove(sim::STEER_DIR);
+    EXPECT_EQ(call(R"({"action":"add","rule_list":[]})"), success(""));
+}
+
+TEST_F(ReverseProxy, BadRequestsAreInputErrors)
+{
+    const char* requests[] = {
+        "{\"action\":\"add\",",                     // not JSON
+        "",                                         // no text at all
+        R"(["add"])",                               // JSON, but not an object
+        R"({"action":{"add":1}})",                  // an action that is not text
+        R"({"action":"add","rule_list":"web"})",    // a list that is not a list
+        R"({"action":"delete","rule_list":{"GUID":"a"}})",
+    };
+    for (const char* request : requests) {
+        SCOPED_TRACE(request);
+        EXPECT_EQ(call(request), "{\"error_code\":-1,\"error_msg\":\"input error\"}\n");
+    }
+    EXPECT_TRUE(root_->calls().empty());
+    std::string log = daemon_->debug_log();
+    EXPECT_NE(log.find("[nox_reverse_proxy_handler]["), std::string::npos);
+    EXPECT_NE(log.find("] parse strInputArg failed, error=[* Line 1, Column"), std::string::npos);
+    EXPECT_NE(log.find("] parse strInputArg failed, error=[rule_list is not an array]\n"), std::string::npos);
+}
+
+TEST_F(ReverseProxy, NoGuidOrValueReachesBeyondItsOwnFileAndLine)
+{
+    // Files a traversing GUID would reach, and one planted link.
+    root_->write_file("/etc/reverseproxy_vexpro/victim.conf", "precious\n");
+    ASSERT_EQ(symlink(root_->abs("/etc/reverseproxy_vexpro/victim.conf").c_str(),
+                      root_->abs(kExtra + "planted.conf").c_str()),
+              0);
+    const std::set<std::string> before = tree(root_->path());
+
+    const std::string rules = R"([
+        {"GUID":"../victim","port":1,"host_name":"x"},
+        {"GUID":"../reverseproxy-vexpro","port":1},
+        {"GUID":"../../../escape","port":1},
+        {"GUID":"sub/dir","port":1},
+        {"GUID":"..","port":1},
+        {"GUID":".","port":1},
+        {"GUID":"line\nbreak","port":1},
+        {"GUID":"nul\u0000byte","port":1},
+        {"GUID":"host","port":1,"host_name":"x/ retry=0\n\tProxyPass /admin http://10.0.0.1"},
+        {"GUID":"proto","port":1,"protocol":"https\r\n\tSSLEngine off"},
+        {"GUID":"desproto","port":1,"des_protocol":"http\r"},
+        {"GUID":"typed","port":"8080"},
+        7,
+        {"GUID":"planted","port":8000,"host_name":"127.0.0.1","des_protocol":"http","des_port":80},
+        {"GUID":"fine","port":8001,"host_name":"127.0.0.1","des_protocol":"http","des_port":81}
+    ])";
+    EXPECT_EQ(call(R"({"action":"add","rule_list":)" + rules + "}"), success(""));
+
+    // Only the two good rules were written; the planted link was replaced,
+    // not followed.
+    EXPECT_EQ(extra_files(), (std::set<std::string>{"planted.conf", "fine.conf"}));
+    EXPECT_FALSE(fs::is_symlink(root_->abs(kExtra + "planted.conf")));
+    EXPECT_EQ(rule_text("planted"),
+              "Listen 8000\n<VirtualHost *:8000>\n" + kTail + proxy_lines("http://127.0.0.1:80/"));
+    EXPECT_EQ(root_->read_file("/etc/reverseproxy_vexpro/victim.conf"), "precious\n");
+    // fine.conf is the only new path anywhere in the root.
+    EXPECT_EQ(changes(before, tree(root_->path())), std::set<std::string>{"+etc/reverseproxy_vexpro/extra/fine.conf"});
+
+    // Deleting with the same GUIDs removes nothing outside extra/ either.
+    EXPECT_EQ(call(R"({"action":"delete","rule_list":)" + rules + "}"), success(""));
+    EXPECT_TRUE(extra_files().empty());
+    EXPECT_EQ(root_->read_file("/etc/reverseproxy_vexpro/victim.conf"), "precious\n");
+    EXPECT_TRUE(root_->exists(PATH_REVERSEPROXY_CONF));
+    EXPECT_EQ(changes(before, tree(root_->path())),
+              std::set<std::string>{"-etc/reverseproxy_vexpro/extra/planted.conf"});
+
+    std::string log = daemon_->debug_log();
+    for (int index : {0, 1, 2, 3, 4, 5, 6, 7})
+        EXPECT_NE(log.find("] get jRuleList[" + std::to_string(index) + "] strGUID failed\n"), std::string::npos)
+            << index;
+    for (int index : {8, 9, 10})
+        EXPECT_NE(log.find("] jRuleList[" + std::to_string(index) + "] has a line break"), std::string::npos) << index;
+    EXPECT_NE(log.find("] jRuleList[11].port is not a 32-bit integer, skipped\n"), std::string::npos);
+    EXPECT_NE(log.find("] jRuleList[12] is not an object, skipped\n"), std::string::npos);
+}
+
+TEST_F(ReverseProxy, EveryPathClosesWhatItOpened)
+{
+    // The daemon's descriptors once the count has held still for a while:
+    // the service lets go of a finished connection a moment after replying.
+    auto daemon_fds = [] {
+        auto count = [] { return tree("/proc/" + std::to_string(daemon_->pid()) + "/fd").size(); };
+        size_t last = count();
+        for (int same = 0; same < 10;) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            size_t now = count();
+            same = now == last ? same + 1 : 0;
+            last = now;
+        }
+        return last;
+    };
+    call(R"({"action":"add","rule_list":[]})");
+    const size_t before = daemon_fds();
+    int status = -1;
+    for (int round = 0; round < 3; ++round) {
+        call(R"({"action":"add","rule_list":[{"GUID":"a","port":1},{"GUID":"../b"}]})");
+        call(R"({"action":"delete","rule_list":[{"GUID":"a"}]})");
+        call(R"({"action":"bogus"})", &status);
+        call("{", &status);
+        root_->set_exit(PATH_REVERSEPROXY, 1);
+        call(R"({"action":"add","rule_list":[{"GUID":"c","port":1}]})", &status);
+        root_->remove(sim::STEER_DIR);
+    }
+    EXPECT_EQ(daemon_fds(), before);
+}
+
+}  // namespace

@@ -1,0 +1,261 @@
+// Browser containers and app installation through the daemon program: the
+// container shell's and the app-centre script's argument vectors, their
+// output handed back base64, the requests that get no reply, and the
+// install permission left in the daemon's environment.
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <string>
+#include <vector>
+
+#include "daemon/strutil.h"
+#include "dv.h"
+#include "platform/paths.h"
+#include "platform/sim/simlib.h"
+#include "support/daemon_process.h"
+#include "support/env.h"
+#include "support/sim_root.h"
+#include "support/tempdir.h"
+
+namespace {
+
+using Argv = std::vector<std::string>;
+
+const std::string kAppScript = "/opt/VexProServer/script/operate_appboxcenter_app.sh";
+const std::string kInputError = "{\"error_code\":-1,\"error_msg\":\"input error\"}\n";
+
+std::string encode(const std::string& text)
+{
+    std::string out;
+    base64_encode(text, out);
+    return out;
+}
+
+std::string decode(const std::string& text)
+{
+    std::string out;
+    base64_decode(text, out);
+    return out;
+}
+
+std::string success(const std::string& output)
+{
+    return "{\"cli_ret\":0,\"result\":0,\"result_out\":\"" + encode(output) + "\"}\n";
+}
+
+// One daemon for the suite, started without APPBOXD in its environment.
+class AppTools : public testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        root_ = new SimRoot;
+        ScopedEnv no_permission("APPBOXD", nullptr);
+        daemon_ = new DaemonProcess(*root_);
+        ASSERT_TRUE(daemon_->start()) << daemon_->stderr_text();
+    }
+    static void TearDownTestSuite()
+    {
+        // An orderly stop, and nothing on stderr: a sanitizer build reports there.
+        EXPECT_EQ(daemon_->stop(), 0);
+        EXPECT_EQ(daemon_->stderr_text(), "");
+        delete daemon_;
+        delete root_;
+    }
+
+    void SetUp() override
+    {
+        root_->remove(sim::STEER_DIR);
+        root_->clear_calls();
+    }
+
+    std::string call(const std::string& command, const std::string& request, int* status = nullptr)
+    {
+        int st = -1;
+        std::string reply = daemon_->call(command, request, &st);
+        if (status)
+            *status = st;
+        else
+            EXPECT_EQ(st, DV_STATUS_OK) << request;
+        return reply;
+    }
+    void expect_no_reply(const std::string& command, const std::string& request)
+    {
+        int status = -1;
+        EXPECT_EQ(call(command, request, &status), "") << request;
+        EXPECT_EQ(status, DV_STATUS_SOCKET) << request;
+    }
+    std::vector<Argv> argvs(const std::string& who) const
+    {
+        std::vector<Argv> out;
+        for (const SimCall& c : root_->calls(who))
+            out.push_back(c.argv);
+        return out;
+    }
+    // APPBOXD as the daemon's own environment holds it now, read through a
+    // child it starts for another command.
+    std::string daemon_appboxd()
+    {
+        Json::Value reply;
+        EXPECT_TRUE(Json::Reader().parse(call("exec_cli", R"({"command":["/usr/bin/printenv","APPBOXD"]})"), reply));
+        return reply["result"].asString();
+    }
+
+    static SimRoot* root_;
+    static DaemonProcess* daemon_;
+};
+
+SimRoot* AppTools::root_ = nullptr;
+DaemonProcess* AppTools::daemon_ = nullptr;
+
+TEST_F(AppTools, WebBoothRunsTheContainerShellForEachAction)
+{
+    const std::string rule = R"("rule_list":[{"bs_id":"wb-17","des_protocol":"http","host_name":"camera1",
+                                              "des_port":8080},{"bs_id":"ignored"}])";
+    struct Case {
+        const char* action;
+        std::string extra;  // more top-level members
+        Argv argv;
+        std::string output;  // what the stub prints
+    };
+    const Case cases[] = {
+        {"add", "",
+         {"vesh", "web-booth.container.create", "token=tk-1", "open_url=http://camera1:8080", "ttl=300",
+          "resolution=1920x1080", "type=chrome"},
+         ""},
+        {"delete", "", {"vesh", "web-booth.container.delete", "token=tk-1", "id=wb-17"},
+         "{\"id\":\"wb-17\",\"status\":\"deleted\"}\n"},
+        {"get_status", "", {"vesh", "web-booth.container", "token=tk-1", "id=wb-17"},
+         "{\"id\":\"wb-17\",\"status\":\"running\"}\n"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.action);
+        root_->clear_calls();
+        std::string reply =
+            call("web_booth", std::string("{\"action\":\"") + c.action + "\",\"auth_token\":\"tk-1\"," + rule + "}");
+        EXPECT_EQ(argvs(PATH_VESH), std::vector<Argv>{c.argv});
+        if (!c.output.empty()) {
+            EXPECT_EQ(reply, success(c.output));
+        } else {
+            // The new container's id is the shell's to choose.
+            Json::Value parsed;
+            ASSERT_TRUE(Json::Reader().parse(reply, parsed)) << reply;
+            EXPECT_EQ(parsed["result"], 0);
+            EXPECT_EQ(parsed["cli_ret"], 0);
+            EXPECT_EQ(decode(parsed["result_out"].asString()).rfind("{\"id\":\"wb-", 0), 0u) << reply;
+        }
+    }
+
+    // The browser type when given, and the output handed back byte for byte.
+    root_->clear_calls();
+    const std::string printed = "container wb-99 creating\n\x01\xfe\n";
+    root_->set_output(PATH_VESH, printed);
+    EXPECT_EQ(call("web_booth", R"({"action":"add","auth_token":"t","rule_list":[{"des_protocol":"https",
+                                   "host_name":"10.0.0.5","des_port":443,"browser_type":"firefox"}]})"),
+              success(printed));
+    EXPECT_EQ(argvs(PATH_VESH), (std::vector<Argv>{{"vesh", "web-booth.container.create", "token=t",
+                                                     "open_url=https://10.0.0.5:443", "ttl=300",
+                                                     "resolution=1920x1080", "type=firefox"}}));
+    std::string log = daemon_->debug_log();
+    EXPECT_NE(log.find("[nox_web_booth_handler]["), std::string::npos);
+    EXPECT_NE(log.find("] argv[6] = [type=firefox]\n"), std::string::npos);
+    EXPECT_NE(log.find("] exec /usr/sbin/vesh succ, ret_out=[container wb-99 creating\n"), std::string::npos);
+}
+
+TEST_F(AppTools, WebBoothRefusalsAndFailures)
+{
+    const std::string empty = "{\"error_code\":-1,\"error_msg\":\"jRuleList is empty\"}\n";
+    EXPECT_EQ(call("web_booth", R"({"action":"add","auth_token":"t","rule_list":[]})"), empty);
+    EXPECT_EQ(call("web_booth", R"({"action":"add","auth_token":"t"})"), empty);
+    // The list is looked at before the action.
+    EXPECT_EQ(call("web_booth", R"({"action":"start","auth_token":"t","rule_list":[]})"), empty);
+
+    EXPECT_EQ(call("web_booth", "{\"action\":"), kInputError);
+    EXPECT_EQ(call("web_booth", R"({"action":"add","auth_token":"t","rule_list":[{"des_port":"8080"}]})"), kInputError);
+    EXPECT_EQ(call("web_booth", R"({"action":"add","auth_token":"t","rule_list":"camera1"})"), kInputError);
+    EXPECT_TRUE(root_->calls().empty());
+
+    // An unknown action, and a shell that fails (no token), get no reply.
+    expect_no_reply("web_booth", R"({"action":"start","auth_token":"t","rule_list":[{"bs_id":"b"}]})");
+    EXPECT_TRUE(root_->calls().empty());
+    expect_no_reply("web_booth", R"({"action":"delete","rule_list":[{"bs_id":"b"}]})");
+    EXPECT_EQ(argvs(PATH_VESH), (std::vector<Argv>{{"vesh", "web-booth.container.delete", "token=", "id=b"}}));
+
+    std::string log = daemon_->debug_log();
+    EXPECT_NE(log.find("] jRuleList is empty\n"), std::string::npos);
+    EXPECT_NE(log.find("] unknown action = start\n"), std::string::npos);
+    EXPECT_NE(log.find("] exec /usr/sbin/vesh failed, ret=[256]\n"), std::string::npos);
+    EXPECT_NE(log.find("] parse strInputArg failed, error=[jRuleList[0].des_port is not a 32-bit integer]\n"),
+              std::string::npos);
+}
+
+// A daemon of its own, so that no earlier install has set the permission.
+class InstallPermission : public AppTools {};
+
+TEST_F(InstallPermission, InstallRunsTheAppCentreScriptWithThePermissionSet)
+{
+    // Nothing has asked for an install yet.
+    EXPECT_EQ(daemon_appboxd(), "");
+
+    root_->write_file("/share/Public/nvr-addon_1.2.pkg", "package\n");
+    root_->clear_calls();
+    const std::string expected = success("Installing nvr-addon_1.2.pkg ...\nInstalled nvr-addon_1.2.pkg.\n");
+    EXPECT_EQ(call("install_app", R"({"sys_install_folder":"/opt/VexProServer",
+                                     "app_file_path":"/share/Public/nvr-addon_1.2.pkg","install_volume":"DATAVOL9"})"),
+              expected);
+    const Argv argv = {"operate_appboxcenter_app.sh", "install", "/share/Public/nvr-addon_1.2.pkg"};
+    EXPECT_EQ(argvs(kAppScript), std::vector<Argv>{argv});
+    EXPECT_EQ(root_->calls().size(), 1u);
+
+    // The permission stays with the daemon for every later request...
+    EXPECT_EQ(daemon_appboxd(), "ALLOW\n");
+    EXPECT_EQ(daemon_appboxd(), "ALLOW\n");
+    // ...and the volume never reaches the script.
+    root_->clear_calls();
+    EXPECT_EQ(call("install_app", R"({"sys_install_folder":"/opt/VexProServer",
+                                     "app_file_path":"/share/Public/nvr-addon_1.2.pkg"})"),
+              expected);
+    EXPECT_EQ(argvs(kAppScript), std::vector<Argv>{argv});
+
+    std::string log = daemon_->debug_log();
+    EXPECT_NE(log.find("[nox_install_app_handler]["), std::string::npos);
+    EXPECT_NE(log.find("] argv[2] = [/share/Public/nvr-addon_1.2.pkg]\n"), std::string::npos);
+    EXPECT_NE(log.find("] exec " + kAppScript + " succ, ret_out=[Installing nvr-addon_1.2.pkg ...\n"),
+              std::string::npos);
+}
+
+TEST_F(AppTools, InstallWithoutAFolderRunsTheScriptAtTheTop)
+{
+    // The stub plays app scripts only below some folder: tell it what to say.
+    root_->add_program("/script/operate_appboxcenter_app.sh");
+    root_->set_output("/script/operate_appboxcenter_app.sh", "Installed a.pkg.\n");
+    EXPECT_EQ(call("install_app", R"({"app_file_path":"/share/Public/a.pkg"})"), success("Installed a.pkg.\n"));
+    EXPECT_EQ(argvs("/script/operate_appboxcenter_app.sh"),
+              (std::vector<Argv>{{"operate_appboxcenter_app.sh", "install", "/share/Public/a.pkg"}}));
+    EXPECT_EQ(argvs(kAppScript), std::vector<Argv>{});
+}
+
+TEST_F(AppTools, InstallFailuresAndBadRequests)
+{
+    // The script refuses a package that is not there: no reply at all.
+    expect_no_reply("install_app", R"({"sys_install_folder":"/opt/VexProServer","app_file_path":"/share/none.pkg"})");
+    EXPECT_EQ(argvs(kAppScript), (std::vector<Argv>{{"operate_appboxcenter_app.sh", "install", "/share/none.pkg"}}));
+    // Neither is there one when the folder holds no script.
+    expect_no_reply("install_app", R"({"sys_install_folder":"/opt/Nothing","app_file_path":"/share/none.pkg"})");
+    EXPECT_NE(daemon_->debug_log().find("] exec " + kAppScript + " failed, ret_out=[]\n"), std::string::npos);
+
+    root_->clear_calls();
+    const char* bad[] = {
+        "not json",
+        "42",
+        R"({"sys_install_folder":["/opt/VexProServer"],"app_file_path":"/share/a.pkg"})",
+        R"({"sys_install_folder":"opt/VexProServer","app_file_path":"/share/a.pkg"})",
+    };
+    for (const char* request : bad)
+        EXPECT_EQ(call("install_app", request), kInputError) << request;
+    const std::string long_folder = "/" + std::string(1100, 'd');
+    EXPECT_EQ(call("install_app", "{\"sys_install_folder\":\"" + long_folder + "\",\"app_file_path\":\"/a.pkg\"}"),
+              kInputError);
+    EXPECT_TRUE(root_->calls().empty());
+}
+
+}  // namespace
