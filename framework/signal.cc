@@ -105,6 +105,13 @@ __attribute__((constructor)) DV_API int dv_init(void)
     return 0;
 }
 
+DV_API int dv_blocked_program(const char* path)
+{
+    if (!path || !re_ready)
+        return 0;
+    return regexec(&re, path, 0, nullptr, 0) == 0 ? 1 : 0;
+}
+
 __attribute__((destructor)) DV_API void dv_fini(void)
 {
     if (re_ready) {

@@ -215,6 +215,9 @@ DV_API void dv_signal(int signum, dv_signal_fn handler);
 DV_API void dv_backtrace(void);
 DV_API int dv_init(void);
 DV_API void dv_fini(void);
+/* 1 when path (as given: a path or a bare name) matches BLOCKED_PROGRAM_LIST:
+ * a shell, busybox, php or python. Callers decide what a match refuses. */
+DV_API int dv_blocked_program(const char* path);
 
 /* ------------------------------------------------------------------- SHA-1 */
 

@@ -124,3 +124,18 @@ TEST(DvBacktraceDeathTest, WithoutAKernelLogTheSignalNameStillReachesStderr)
 }
 
 }  // namespace
+
+namespace {
+
+TEST(BlockedPrograms, ShellsAndInterpretersMatchOthersDoNot)
+{
+    for (const char* path : {"/bin/sh", "/bin/bash", "/usr/bin/zsh", "sh", "/bin/busybox", "/usr/bin/php",
+                             "/usr/bin/python3", "/usr/bin/python3.11", "/bin/rbash", "/usr/bin/ksh93"})
+        EXPECT_TRUE(dv_blocked_program(path)) << path;
+    for (const char* path : {"/bin/echo", "/sbin/hwd_app", "/usr/bin/shred", "/bin/bashful", "/usr/bin/phpx", "",
+                             "/opt/sh/tool"})
+        EXPECT_FALSE(dv_blocked_program(path)) << path;
+    EXPECT_FALSE(dv_blocked_program(nullptr));
+}
+
+}  // namespace
