@@ -6,41 +6,24 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <chrono>
-#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "dv.h"
 #include "platform/paths.h"
-#include "support/daemon_process.h"
-#include "support/sim_root.h"
+#include "support/daemon_suite.h"
 
 namespace {
 
-using Argv = std::vector<std::string>;
-
-const std::string kOk = "{\"result\":0}\n";
-const std::string kParseError = "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n";
-const std::string kInputError = "{\"error_code\":-1,\"error_msg\":\"input error\"}\n";
-const std::string kAddFail = "{\"error_msg\":\"nox_vex_auth_add_session_handler fail\",\"result\":-1}\n";
-const std::string kGetFail = "{\"error_msg\":\"nox_vex_auth_get_session_handler fail\",\"result\":-1}\n";
-const std::string kUsersFail = "{\"error_msg\":\"nox_get_all_users_handler fail\",\"result\":-1}\n";
-const std::string kGroupsFail = "{\"error_msg\":\"nox_get_all_groups_handler fail\",\"result\":-1}\n";
-const std::string kMembersFail = "{\"error_msg\":\"nox_get_group_members_handler fail\",\"result\":-1}\n";
-const std::string kSmsFail = "{\"error_msg\":\"nox_get_sms_config_handler fail\",\"result\":-1}\n";
+const std::string kAddFail = failure("nox_vex_auth_add_session_handler");
+const std::string kGetFail = failure("nox_vex_auth_get_session_handler");
+const std::string kUsersFail = failure("nox_get_all_users_handler");
+const std::string kGroupsFail = failure("nox_get_all_groups_handler");
+const std::string kMembersFail = failure("nox_get_group_members_handler");
+const std::string kSmsFail = failure("nox_get_sms_config_handler");
 const std::string kDefaultSms =
     "{\"country\":\"Germany\",\"country_code\":\"+49\",\"max_provider\":4,\"mode\":1,\"now_provider\":2,"
     "\"phone1\":\"+4915112345678\",\"phone2\":\"+4915187654321\",\"result\":0,\"using_provider\":1}\n";
-
-std::vector<Argv> argvs(const SimRoot& root, const std::string& who)
-{
-    std::vector<Argv> out;
-    for (const SimCall& call : root.calls(who))
-        out.push_back(call.argv);
-    return out;
-}
 
 std::string json(const Json::Value& v)
 {
@@ -73,54 +56,13 @@ std::string found(const std::string& user)
     return json(reply);
 }
 
-int fd_count(pid_t pid)
-{
-    int n = 0;
-    std::error_code ec;
-    for (auto it = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec);
-         !ec && it != std::filesystem::directory_iterator(); it.increment(ec))
-        ++n;
-    return n;
-}
-
-// The daemon's descriptor count once the last request's have been closed.
-int settled_fd_count(pid_t pid)
-{
-    int last = fd_count(pid), same = 0;
-    for (int i = 0; i < 200 && same < 5; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        int now = fd_count(pid);
-        same = now == last ? same + 1 : 0;
-        last = now;
-    }
-    return last;
-}
-
-class AccountsAndAuth : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(daemon_.start()) << daemon_.stderr_text();
-        root_.clear_calls();  // the registry look-ups of the start-up
-    }
-
-    std::string call(const std::string& command, const std::string& request = "{}") const
-    {
-        int status = -1;
-        std::string reply = daemon_.call(command, request, &status);
-        EXPECT_EQ(status, DV_STATUS_OK) << command;
-        return reply;
-    }
-
-    SimRoot root_;
-    DaemonProcess daemon_{root_};
-};
+class AccountsAndAuth : public DaemonPerTest {};
 
 TEST_F(AccountsAndAuth, SessionsAddedAreFoundByIdAndType)
 {
     EXPECT_EQ(call("vex_auth_add_session", add_session("S-1", "alice", 1)), kOk);
     EXPECT_EQ(call("vex_auth_get_session", get_session("S-1", 1)), found("alice"));
-    EXPECT_EQ(argvs(root_, PATH_LIB_NASAUTH),
+    EXPECT_EQ(argvs(PATH_LIB_NASAUTH),
               (std::vector<Argv>{{"auth_add_session", "S-1", "alice", "1", ""}, {"auth_get_session", "S-1", "1"}}));
 
     // Another type, an unknown id: not found.
@@ -202,7 +144,7 @@ TEST_F(AccountsAndAuth, UsersAndGroupsComeInLibraryOrder)
               "{\"local_count\":4,\"result\":0,\"user_list\":[\"admin\",\"guest\",\"alice\",\"bob\"]}\n");
     EXPECT_EQ(call("get_all_groups"),
               "{\"group_list\":[\"administrators\",\"everyone\",\"guest\"],\"local_count\":3,\"result\":0}\n");
-    EXPECT_EQ(argvs(root_, PATH_LIB_NAS), (std::vector<Argv>{{"Get_Local_User_List_V2"}, {"Get_Local_Group_List_V2"}}));
+    EXPECT_EQ(argvs(PATH_LIB_NAS), (std::vector<Argv>{{"Get_Local_User_List_V2"}, {"Get_Local_Group_List_V2"}}));
 
     // The longest names the lists hold come back whole, quotes and all.
     const std::string user = std::string(31, 'u') + "\"";
@@ -237,7 +179,7 @@ TEST_F(AccountsAndAuth, GroupMembersAreOneFlagPerEntry)
 {
     EXPECT_EQ(call("get_group_members", R"({"group_name": "everyone"})"),
               "{\"result\":0,\"user_count\":3,\"user_list\":[true,true,true]}\n");
-    EXPECT_EQ(argvs(root_, PATH_LIB_NAS), (std::vector<Argv>{{"Get_NAS_User_List_Of_Group_Ex", "everyone"}}));
+    EXPECT_EQ(argvs(PATH_LIB_NAS), (std::vector<Argv>{{"Get_NAS_User_List_Of_Group_Ex", "everyone"}}));
 
     const std::string odd_group = "Video \"Ops\" 2";
     root_.write_file("/etc/group", "holes:x:1:,alice,,bob,\nempty:x:2:\n" + odd_group + ":x:3:carol\n");
@@ -248,7 +190,7 @@ TEST_F(AccountsAndAuth, GroupMembersAreOneFlagPerEntry)
     Json::Value req;
     req["group_name"] = odd_group;
     EXPECT_EQ(call("get_group_members", json(req)), "{\"result\":0,\"user_count\":1,\"user_list\":[true]}\n");
-    EXPECT_EQ(argvs(root_, PATH_LIB_NAS).back(), (Argv{"Get_NAS_User_List_Of_Group_Ex", odd_group}));
+    EXPECT_EQ(argvs(PATH_LIB_NAS).back(), (Argv{"Get_NAS_User_List_Of_Group_Ex", odd_group}));
 
     EXPECT_EQ(call("get_group_members", R"({"group_name": "nosuchgroup"})"), kMembersFail);
 
@@ -264,7 +206,7 @@ TEST_F(AccountsAndAuth, SmsSettingsAreCopiedFieldByField)
 {
     // It takes no arguments and never looks at the request.
     EXPECT_EQ(call("get_sms_config", "not json"), kDefaultSms);
-    EXPECT_EQ(argvs(root_, PATH_LIB_CONFIG), (std::vector<Argv>{{"Get_SMS_config"}}));
+    EXPECT_EQ(argvs(PATH_LIB_CONFIG), (std::vector<Argv>{{"Get_SMS_config"}}));
 
     // Every text as long as its field holds, every number its own.
     root_.write_file("/var/lib/sim/sms.conf",

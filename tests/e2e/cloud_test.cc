@@ -1,26 +1,20 @@
 // The cloud-account queries through the daemon program: the tools' argument
 // vectors, their output handed back raw or base64, failures, the access-token
 // request's argument checks, and no capture file left behind.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "daemon/strutil.h"
-#include "dv.h"
 #include "platform/paths.h"
 #include "platform/sim/simlib.h"
-#include "support/daemon_process.h"
+#include "support/daemon_suite.h"
 #include "support/env.h"
 #include "support/sim_root.h"
 #include "support/tempdir.h"
 
 namespace {
-
-using Argv = std::vector<std::string>;
 
 // Values with blanks and shell syntax: each must reach the tool as one
 // argument, unchanged.
@@ -45,84 +39,8 @@ const Query kQueries[] = {
     {"system_call_cloud_get_access_token", kTokenRequest, PATH_NIMBO_AUTH_TOOL, kTokenArgv},
 };
 
-std::string decode(const std::string& text)
-{
-    std::string out;
-    base64_decode(text, out);
-    return out;
-}
-
-std::string encode(const std::string& text)
-{
-    std::string out;
-    base64_encode(text, out);
-    return out;
-}
-
-std::vector<std::string> files_in(const std::string& dir)
-{
-    std::vector<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d))
-            if (std::string(e->d_name) != "." && std::string(e->d_name) != "..")
-                names.push_back(e->d_name);
-        closedir(d);
-    }
-    return names;
-}
-
-// One daemon for the suite, its temporary files in a directory of their own.
-class CloudQueries : public testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        root_ = new SimRoot;
-        captures_ = new TempDir;
-        daemon_ = new DaemonProcess(*root_);
-        // Only the daemon runs with it: its own files are made already.
-        ScopedEnv tmpdir("TMPDIR", captures_->path().c_str());
-        ASSERT_TRUE(daemon_->start()) << daemon_->stderr_text();
-    }
-    static void TearDownTestSuite()
-    {
-        // An orderly stop with nothing on stderr (no sanitizer report either).
-        EXPECT_EQ(daemon_->stop(), 0);
-        EXPECT_EQ(daemon_->stderr_text(), "");
-        delete daemon_;
-        delete captures_;
-        delete root_;
-    }
-
-    void SetUp() override
-    {
-        root_->clear_calls();
-        root_->remove(sim::STEER_DIR);
-    }
-    void TearDown() override { EXPECT_EQ(files_in(captures_->path()), std::vector<std::string>{}); }
-
-    std::string call(const std::string& command, const std::string& request)
-    {
-        int status = -1;
-        std::string reply = daemon_->call(command, request, &status);
-        EXPECT_EQ(status, DV_STATUS_OK) << command;
-        return reply;
-    }
-    std::vector<Argv> argvs(const std::string& who) const
-    {
-        std::vector<Argv> out;
-        for (const SimCall& c : root_->calls(who))
-            out.push_back(c.argv);
-        return out;
-    }
-
-    static SimRoot* root_;
-    static TempDir* captures_;
-    static DaemonProcess* daemon_;
-};
-
-SimRoot* CloudQueries::root_ = nullptr;
-TempDir* CloudQueries::captures_ = nullptr;
-DaemonProcess* CloudQueries::daemon_ = nullptr;
+// One daemon for the suite; the fixture sees that no capture file outlives its request.
+class CloudQueries : public DaemonPerSuite<CloudQueries> {};
 
 TEST_F(CloudQueries, EachQueryRunsItsToolOnceWithItsArguments)
 {
@@ -147,7 +65,7 @@ TEST_F(CloudQueries, EachQueryRunsItsToolOnceWithItsArguments)
             EXPECT_EQ(reply["device_list"].asString(), answers[i]);
         } else {
             EXPECT_EQ(reply["cli_ret"], 0);
-            EXPECT_EQ(decode(reply["result_out"].asString()).rfind(answers[i], 0), 0u) << reply;
+            EXPECT_EQ(decode_base64(reply["result_out"].asString()).rfind(answers[i], 0), 0u) << reply;
         }
     }
 }
@@ -165,7 +83,7 @@ TEST_F(CloudQueries, TheDeviceListGoesBackRawTheOthersInBase64)
               R"({"device_list":"{\"a\":\"b\\\\c\"}\tline 1\nline 2\n\u00e9","result":0})" "\n");
     for (size_t i = 1; i < std::size(kQueries); i++)
         EXPECT_EQ(call(kQueries[i].command, kQueries[i].request),
-                  R"({"cli_ret":0,"result":0,"result_out":")" + encode(printed + "\xff") + "\"}\n")
+                  R"({"cli_ret":0,"result":0,"result_out":")" + encode_base64(printed + "\xff") + "\"}\n")
             << kQueries[i].command;
 }
 

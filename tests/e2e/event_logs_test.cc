@@ -3,89 +3,19 @@
 // argument checks, and the lines each writes to the debug log.
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "dv.h"
 #include "platform/paths.h"
-#include "platform/sim/simlib.h"
-#include "support/daemon_process.h"
-#include "support/sim_root.h"
+#include "support/daemon_suite.h"
 
 namespace {
-
-using Argv = std::vector<std::string>;
 
 const char kConnRequest[] =
     R"({"log_type":1,"service_type":5,"action_type":-2,"log_mseg":"login from \"cam 3\"",)"
     R"("user_name":"alice","IP":"192.168.1.20","computer_name":"NVR-PC"})";
 
-class EventLogs : public testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        root_ = new SimRoot;
-        daemon_ = new DaemonProcess(*root_);
-        ASSERT_TRUE(daemon_->start()) << daemon_->stderr_text();
-    }
-    static void TearDownTestSuite()
-    {
-        // An orderly stop with nothing on stderr (no sanitizer report either).
-        EXPECT_EQ(daemon_->stop(), 0);
-        EXPECT_EQ(daemon_->stderr_text(), "");
-        delete daemon_;
-        delete root_;
-    }
-
-    void SetUp() override
-    {
-        root_->clear_calls();
-        root_->remove(sim::STEER_DIR);
-        log_seen_ = daemon_->debug_log().size();
-    }
-
-    std::string call(const std::string& command, const std::string& request)
-    {
-        int status = -1;
-        std::string reply = daemon_->call(command, request, &status);
-        EXPECT_EQ(status, DV_STATUS_OK) << command;
-        return reply;
-    }
-    std::vector<Argv> argvs(const std::string& who) const
-    {
-        std::vector<Argv> out;
-        for (const SimCall& c : root_->calls(who))
-            out.push_back(c.argv);
-        return out;
-    }
-    // The debug-log messages of handler since the test began, its line
-    // numbers written as "#" (they move with the code).
-    std::vector<std::string> log_of(const std::string& handler) const
-    {
-        std::istringstream lines(daemon_->debug_log().substr(log_seen_));
-        const std::string tag = "] [" + handler + "][";
-        std::vector<std::string> out;
-        for (std::string line; std::getline(lines, line);) {
-            size_t at = line.find(tag);
-            if (at == std::string::npos)
-                continue;
-            size_t number = at + tag.size();
-            size_t end = line.find_first_not_of("0123456789", number);
-            if (end == number || end == std::string::npos || line.compare(end, 2, "] ") != 0)
-                continue;
-            out.push_back("[" + handler + "][#" + line.substr(end));
-        }
-        return out;
-    }
-
-    static SimRoot* root_;
-    static DaemonProcess* daemon_;
-    size_t log_seen_ = 0;
-};
-
-SimRoot* EventLogs::root_ = nullptr;
-DaemonProcess* EventLogs::daemon_ = nullptr;
+class EventLogs : public DaemonPerSuite<EventLogs> {};
 
 TEST_F(EventLogs, SystemLogRunsLogToolAndLogsEachArgument)
 {

@@ -10,19 +10,14 @@
 #include <string>
 #include <vector>
 
-#include "dv.h"
 #include "platform/paths.h"
-#include "support/daemon_process.h"
-#include "support/files.h"
-#include "support/sim_root.h"
+#include "support/daemon_suite.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Argv = std::vector<std::string>;
 
-const std::string kOk = "{\"result\":0}\n";
-const std::string kFail = "{\"error_msg\":\"nox_update_ip_ban_list_handler fail\",\"result\":-1}\n";
+const std::string kFail = failure("nox_update_ip_ban_list_handler");
 const std::string kHead = "<LocationMatch \"/.*\">\norder allow,deny\n";
 const std::string kTail = "allow from all\n</LocationMatch>\n";
 const std::vector<SimCall> kReloads = {
@@ -44,31 +39,11 @@ std::vector<std::string> listing(const std::string& dir)
     return names;
 }
 
-class IpBanList : public testing::Test {
+class IpBanList : public DaemonPerTest {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(daemon_.start()) << daemon_.stderr_text();
-        root_.clear_calls();
-    }
-    // An orderly stop with nothing on stderr: no sanitizer report, no stray output.
-    void TearDown() override
-    {
-        EXPECT_EQ(daemon_.stop(), 0);
-        EXPECT_EQ(daemon_.stderr_text(), "");
-    }
-
-    std::string call(const std::string& json)
-    {
-        int status = -1;
-        std::string reply = daemon_.call("update_ip_ban_list", json, &status);
-        EXPECT_EQ(status, DV_STATUS_OK);
-        return reply;
-    }
+    std::string call(const std::string& json) { return DaemonPerTest::call("update_ip_ban_list", json); }
     std::string ban_list() const { return root_.read_file(PATH_IP_BAN_LIST); }
 
-    SimRoot root_;
-    DaemonProcess daemon_{root_};
 };
 
 TEST_F(IpBanList, WritesOneDenyLinePerPieceThenReloadsTheWebServerBeforeTheTunnel)

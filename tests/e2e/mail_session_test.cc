@@ -8,29 +8,23 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <future>
 #include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "dv.h"
 #include "platform/paths.h"
-#include "support/daemon_process.h"
+#include "support/daemon_suite.h"
 #include "support/files.h"
 #include "support/settle.h"
-#include "support/sim_root.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Argv = std::vector<std::string>;
 
-const std::string kInputError = "{\"error_code\":-1,\"error_msg\":\"input error\"}\n";
-const std::string kParseError = "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n";
 const std::string kSessFail = "{\"error_code\":-2,\"error_msg\":\"get_sess_id fail\"}\n";
 const std::string kRefused = "{\"result\":-1}\n";
 
@@ -83,53 +77,14 @@ size_t count(const std::string& text, const std::string& what)
     return n;
 }
 
-int open_fds(pid_t pid)
-{
-    const std::string dir = "/proc/" + std::to_string(pid) + "/fd";
-    return static_cast<int>(std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
-}
-
-// The daemon's count once its workers have finished closing the sockets of
-// requests already answered.
-int settled_fds(pid_t pid)
-{
-    int last = open_fds(pid);
-    for (int stable = 0, rounds = 0; stable < 5 && rounds < 200; ++rounds) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        int now = open_fds(pid);
-        stable = now == last ? stable + 1 : 0;
-        last = now;
-    }
-    return last;
-}
-
 bool is_link(const std::string& path)
 {
     struct stat st;
     return lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
 }
 
-class MailSession : public testing::Test {
+class MailSession : public DaemonPerTest {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(daemon_.start()) << daemon_.stderr_text();
-        root_.clear_calls();
-    }
-    // An orderly stop with nothing on stderr: no sanitizer report, no stray output.
-    void TearDown() override
-    {
-        EXPECT_EQ(daemon_.stop(), 0);
-        EXPECT_EQ(daemon_.stderr_text(), "");
-    }
-
-    std::string call(const std::string& command, const std::string& request)
-    {
-        int status = -1;
-        std::string reply = daemon_.call(command, request, &status);
-        EXPECT_EQ(status, DV_STATUS_OK) << command;
-        return reply;
-    }
     std::string mail(const std::string& request)
     {
         int status = -1;
@@ -143,8 +98,6 @@ protected:
         root_.write_file("/tmp/vexpro_sendmail/mail.txt", content);
     }
 
-    SimRoot root_;
-    DaemonProcess daemon_{root_};
 };
 
 TEST_F(MailSession, SessionIdIsTheThirdWordOfAdmctlsSecondLine)
@@ -248,7 +201,7 @@ TEST_F(MailSession, UnauthenticatedMailFeedsTheContentAndPassesStatusesThrough)
         // No input to feed: nothing starts.
         {"", "", "CONF\n", "", -1, "{\"result\":-1}\n", false},
     };
-    const int fds = settled_fds(daemon_.pid());
+    const int fds = settled_fd_count(daemon_.pid());
     for (const Case& c : cases) {
         SCOPED_TRACE(c.user + "/" + c.pwd + "/" + c.reply);
         root_.clear_calls();
@@ -283,7 +236,7 @@ TEST_F(MailSession, UnauthenticatedMailFeedsTheContentAndPassesStatusesThrough)
                   trace_text(c.user, c.pwd, "mail.conf", "mail.txt", ret));
     }
 
-    EXPECT_EQ(settled_fds(daemon_.pid()), fds);
+    EXPECT_EQ(settled_fd_count(daemon_.pid()), fds);
 
     // sendmail's output and error output both land in sendmail.log.
     root_.remove("/var/lib/sim/steer/usr/sbin/sendmail.exit");
@@ -378,7 +331,7 @@ TEST_F(MailSession, MailIsRefusedForPathsAndPlantedFilesWithNothingTouched)
                          },
                          mail_request("", "")});
 
-    const int fds = settled_fds(daemon_.pid());
+    const int fds = settled_fd_count(daemon_.pid());
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         for (const char* p : {"/tmp/.vexpro_log", "/tmp/elsewhere", "/tmp/vexpro_sendmail", "/tmp/real_spool"})
@@ -398,7 +351,7 @@ TEST_F(MailSession, MailIsRefusedForPathsAndPlantedFilesWithNothingTouched)
         EXPECT_EQ(count(daemon_.debug_log(), "; mail refused.\n"), refusals + 1);
     }
     // Every refusal path closed what it had opened.
-    EXPECT_EQ(settled_fds(daemon_.pid()), fds);
+    EXPECT_EQ(settled_fd_count(daemon_.pid()), fds);
 }
 
 // The spool is everybody's: an entry swapped while sendmail runs is not what

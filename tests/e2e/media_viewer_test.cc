@@ -7,90 +7,40 @@
 #include <string>
 #include <vector>
 
-#include "daemon/strutil.h"
-#include "dv.h"
 #include "platform/paths.h"
-#include "platform/sim/simlib.h"
-#include "support/daemon_process.h"
-#include "support/sim_root.h"
+#include "support/daemon_suite.h"
 
 namespace {
 
-using Argv = std::vector<std::string>;
-
 const char kTool[] = "/opt/CayinMediaViewer/bin/conf_get";
-
-std::string encode(const std::string& text)
-{
-    std::string out;
-    base64_encode(text, out);
-    return out;
-}
-
-std::string decode(const std::string& text)
-{
-    std::string out;
-    base64_decode(text, out);
-    return out;
-}
-
-// text with the line number of "[handler][N]" written as "#": it moves with the code.
-std::string without_line_number(std::string text, const std::string& handler)
-{
-    const std::string tag = "[" + handler + "][";
-    for (size_t at = text.find(tag); at != std::string::npos; at = text.find(tag, at + 1)) {
-        size_t number = at + tag.size();
-        size_t end = text.find_first_not_of("0123456789", number);
-        if (end != number && end != std::string::npos && text[end] == ']')
-            text.replace(number, end - number, "#");
-    }
-    return text;
-}
 
 std::string reply_text(int cli_ret, int is_enabled, int is_installed, int result, const std::string& output)
 {
     return "{\"cli_ret\":" + std::to_string(cli_ret) + ",\"is_enabled\":" + std::to_string(is_enabled) +
            ",\"is_installed\":" + std::to_string(is_installed) + ",\"result\":" + std::to_string(result) +
-           ",\"result_out\":\"" + encode(output) + "\"}\n";
+           ",\"result_out\":\"" + encode_base64(output) + "\"}\n";
 }
 
-class MediaViewer : public testing::Test {
+class MediaViewer : public DaemonPerSuite<MediaViewer> {
 protected:
     static void SetUpTestSuite()
     {
-        root_ = new SimRoot;
-        registry_ = new std::string(root_->read_file(PATH_APPBOX_CONF));
-        daemon_ = new DaemonProcess(*root_);
-        ASSERT_TRUE(daemon_->start()) << daemon_->stderr_text();
-    }
-    static void TearDownTestSuite()
-    {
-        // An orderly stop with nothing on stderr (no sanitizer report either).
-        EXPECT_EQ(daemon_->stop(), 0);
-        EXPECT_EQ(daemon_->stderr_text(), "");
-        delete daemon_;
-        delete registry_;
-        delete root_;
+        DaemonPerSuite::SetUpTestSuite();
+        // As the root was made: the daemon only ever reads it.
+        registry_ = root_->read_file(PATH_APPBOX_CONF);
     }
 
     void SetUp() override
     {
-        root_->write_file(PATH_APPBOX_CONF, *registry_);
-        root_->clear_calls();
-        root_->remove(sim::STEER_DIR);
+        DaemonPerSuite::SetUp();
+        root_->write_file(PATH_APPBOX_CONF, registry_);
     }
 
-    std::string call(const std::string& request)
-    {
-        int status = -1;
-        std::string reply = daemon_->call("cmv_cli", request, &status);
-        EXPECT_EQ(status, DV_STATUS_OK);
-        return reply;
-    }
+    std::string call(const std::string& request) { return DaemonPerSuite::call("cmv_cli", request); }
     // The registry with one line of the viewer's section replaced ("" drops it).
     void set_viewer_line(const std::string& key, const std::string& line)
     {
-        std::string conf = *registry_;
+        std::string conf = registry_;
         size_t section = conf.find("[CayinMediaViewer]");
         ASSERT_NE(section, std::string::npos);
         size_t at = conf.find("\n" + key + " ", section);
@@ -100,22 +50,10 @@ protected:
                      line.empty() ? "" : line + "\n");
         root_->write_file(PATH_APPBOX_CONF, conf);
     }
-    std::vector<Argv> tool_argvs(const std::string& tool = kTool) const
-    {
-        std::vector<Argv> out;
-        for (const SimCall& c : root_->calls(tool))
-            out.push_back(c.argv);
-        return out;
-    }
+    std::vector<Argv> tool_argvs(const std::string& tool = kTool) const { return argvs(tool); }
 
-    static SimRoot* root_;
-    static std::string* registry_;
-    static DaemonProcess* daemon_;
+    static inline std::string registry_;
 };
-
-SimRoot* MediaViewer::root_ = nullptr;
-std::string* MediaViewer::registry_ = nullptr;
-DaemonProcess* MediaViewer::daemon_ = nullptr;
 
 TEST_F(MediaViewer, RunsTheAppsToolWithTheCommandAsOneArgument)
 {
@@ -177,7 +115,7 @@ TEST_F(MediaViewer, AnAbsentAppIsReportedInTheOutput)
         EXPECT_EQ(reply["is_enabled"], 1);
         EXPECT_EQ(reply["result"], 0);
         EXPECT_EQ(reply.size(), 5u);
-        EXPECT_EQ(without_line_number(decode(reply["result_out"].asString()), "nox_cmv_cli_handler"),
+        EXPECT_EQ(without_line_number(decode_base64(reply["result_out"].asString()), "nox_cmv_cli_handler"),
                   std::string("[nox_cmv_cli_handler][#] cmv_cli_path=[") + c.shown_path + "] doesnt exist. errno=[2]");
     }
     EXPECT_EQ(tool_argvs(), std::vector<Argv>{});

@@ -7,54 +7,16 @@
 #include <string>
 #include <vector>
 
-#include "dv.h"
 #include "platform/paths.h"
-#include "support/daemon_process.h"
-#include "support/sim_root.h"
+#include "support/daemon_suite.h"
 
 namespace {
 
-using Argv = std::vector<std::string>;
-
-const std::string kOk = "{\"result\":0}\n";
-const std::string kInputError = "{\"error_code\":-1,\"error_msg\":\"input error\"}\n";
-const std::string kParseError = "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n";
 const char kWrapper[] = "/opt/VexProServer/script/nc_wrapper.sh";
 const char kNotify[] = "/opt/VexProServer/vexpro_notify.sh";
 
-std::string failure(const std::string& handler)
-{
-    return "{\"error_msg\":\"" + handler + " fail\",\"result\":-1}\n";
-}
-
-class Notifications : public testing::Test {
+class Notifications : public DaemonPerTest {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(daemon_.start()) << daemon_.stderr_text();
-        root_.clear_calls();
-    }
-    // An orderly stop with nothing on stderr: no sanitizer report, no stray output.
-    void TearDown() override
-    {
-        EXPECT_EQ(daemon_.stop(), 0);
-        EXPECT_EQ(daemon_.stderr_text(), "");
-    }
-
-    std::string call(const std::string& command, const std::string& json)
-    {
-        int status = -1;
-        std::string reply = daemon_.call(command, json, &status);
-        EXPECT_EQ(status, DV_STATUS_OK) << command;
-        return reply;
-    }
-    std::vector<Argv> argvs(const std::string& who) const
-    {
-        std::vector<Argv> out;
-        for (const SimCall& c : root_.calls(who))
-            out.push_back(c.argv);
-        return out;
-    }
     // Takes Install_Path out of the registry.
     void lose_install_path()
     {
@@ -63,8 +25,6 @@ protected:
         root_.write_file(PATH_APPBOX_CONF, conf);
     }
 
-    SimRoot root_;
-    DaemonProcess daemon_{root_};
 };
 
 TEST_F(Notifications, NcNotifyHandsTheValuesWordsToTheWrapperThroughTheShell)

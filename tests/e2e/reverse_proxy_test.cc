@@ -10,22 +10,16 @@
 #include <filesystem>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "daemon/strutil.h"
 #include "dv.h"
 #include "platform/paths.h"
 #include "platform/sim/simlib.h"
-#include "support/daemon_process.h"
-#include "support/env.h"
-#include "support/sim_root.h"
-#include "support/tempdir.h"
+#include "support/daemon_suite.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Argv = std::vector<std::string>;
 
 const std::string kExtra = PATH_REVERSEPROXY_EXTRA_DIR;
 const std::string kQuotedStart =
@@ -33,23 +27,10 @@ const std::string kQuotedStart =
 const Argv kStartArgv = {"daemon_mgr", "reverseproxy_vexpro", "start", kQuotedStart};
 const Argv kReloadArgv = {"reverseproxy_vexpro", "-k", "graceful", "-f", PATH_REVERSEPROXY_CONF};
 
-std::string decode(const std::string& text)
-{
-    std::string out;
-    base64_decode(text, out);
-    return out;
-}
-
-std::string encode(const std::string& text)
-{
-    std::string out;
-    base64_encode(text, out);
-    return out;
-}
-
 std::string success(const std::string& output, int cli_ret = 0)
 {
-    return "{\"cli_ret\":" + std::to_string(cli_ret) + ",\"result\":0,\"result_out\":\"" + encode(output) + "\"}\n";
+    return "{\"cli_ret\":" + std::to_string(cli_ret) + ",\"result\":0,\"result_out\":\"" + encode_base64(output) +
+           "\"}\n";
 }
 
 // Every path under dir, relative to it; directories end in '/'.
@@ -80,69 +61,24 @@ std::set<std::string> changes(const std::set<std::string>& before, const std::se
 
 // One daemon for the suite; every test starts with the proxy running (the
 // pid file present), an empty extra/ directory and no chain file.
-class ReverseProxy : public testing::Test {
+class ReverseProxy : public DaemonPerSuite<ReverseProxy> {
 protected:
-    static void SetUpTestSuite()
-    {
-        root_ = new SimRoot;
-        captures_ = new TempDir;
-        daemon_ = new DaemonProcess(*root_);
-        // Only the daemon keeps its temporary files there.
-        ScopedEnv tmpdir("TMPDIR", captures_->path().c_str());
-        ASSERT_TRUE(daemon_->start()) << daemon_->stderr_text();
-    }
-    static void TearDownTestSuite()
-    {
-        // An orderly stop, and nothing on stderr: a sanitizer build reports there.
-        EXPECT_EQ(daemon_->stop(), 0);
-        EXPECT_EQ(daemon_->stderr_text(), "");
-        delete daemon_;
-        delete captures_;
-        delete root_;
-    }
-
     void SetUp() override
     {
-        root_->remove(sim::STEER_DIR);
+        DaemonPerSuite::SetUp();
         root_->remove(kExtra);
         fs::create_directories(root_->abs(kExtra));
         root_->remove(PATH_UCA_PEM);
         root_->write_file(PATH_REVERSEPROXY_PID, "4242\n");
-        root_->clear_calls();
-    }
-    void TearDown() override
-    {
-        EXPECT_EQ(tree(captures_->path()), std::set<std::string>{}) << "capture files left behind";
     }
 
     std::string call(const std::string& request, int* status = nullptr)
     {
-        int st = -1;
-        std::string reply = daemon_->call("reverse_proxy", request, &st);
-        if (status)
-            *status = st;
-        else
-            EXPECT_EQ(st, DV_STATUS_OK) << request;
-        return reply;
-    }
-    std::vector<Argv> argvs(const std::string& who) const
-    {
-        std::vector<Argv> out;
-        for (const SimCall& c : root_->calls(who))
-            out.push_back(c.argv);
-        return out;
+        return DaemonPerSuite::call("reverse_proxy", request, status);
     }
     std::set<std::string> extra_files() const { return tree(root_->abs(kExtra)); }
     std::string rule_text(const std::string& guid) const { return root_->read_file(kExtra + guid + ".conf"); }
-
-    static SimRoot* root_;
-    static TempDir* captures_;
-    static DaemonProcess* daemon_;
 };
-
-SimRoot* ReverseProxy::root_ = nullptr;
-TempDir* ReverseProxy::captures_ = nullptr;
-DaemonProcess* ReverseProxy::daemon_ = nullptr;
 
 const std::string kTail = "\tHeader set X-Frame-Options \"ALLOW-FROM *\"\n"
                           "\tProxyPreserveHost on\n";
@@ -271,7 +207,7 @@ TEST_F(ReverseProxy, ReplyCarriesTheToolsOutputAndTheCaptureRemoval)
     EXPECT_EQ(reply, success(printed, 0));
     Json::Value parsed;
     ASSERT_TRUE(Json::Reader().parse(reply, parsed));
-    EXPECT_EQ(decode(parsed["result_out"].asString()), printed);
+    EXPECT_EQ(decode_base64(parsed["result_out"].asString()), printed);
     EXPECT_NE(daemon_->debug_log().find("] exec /usr/sbin/reverseproxy_vexpro succ, ret_out=[graceful restart\n"),
               std::string::npos);
 }
@@ -398,21 +334,8 @@ TEST_F(ReverseProxy, NoGuidOrValueReachesBeyondItsOwnFileAndLine)
 
 TEST_F(ReverseProxy, EveryPathClosesWhatItOpened)
 {
-    // The daemon's descriptors once the count has held still for a while:
-    // the service lets go of a finished connection a moment after replying.
-    auto daemon_fds = [] {
-        auto count = [] { return tree("/proc/" + std::to_string(daemon_->pid()) + "/fd").size(); };
-        size_t last = count();
-        for (int same = 0; same < 10;) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            size_t now = count();
-            same = now == last ? same + 1 : 0;
-            last = now;
-        }
-        return last;
-    };
     call(R"({"action":"add","rule_list":[]})");
-    const size_t before = daemon_fds();
+    const int before = settled_fd_count(daemon_->pid());
     int status = -1;
     for (int round = 0; round < 3; ++round) {
         call(R"({"action":"add","rule_list":[{"GUID":"a","port":1},{"GUID":"../b"}]})");
@@ -423,7 +346,7 @@ TEST_F(ReverseProxy, EveryPathClosesWhatItOpened)
         call(R"({"action":"add","rule_list":[{"GUID":"c","port":1}]})", &status);
         root_->remove(sim::STEER_DIR);
     }
-    EXPECT_EQ(daemon_fds(), before);
+    EXPECT_EQ(settled_fd_count(daemon_->pid()), before);
 }
 
 }  // namespace

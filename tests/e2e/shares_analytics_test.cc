@@ -8,32 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "dv.h"
 #include "platform/paths.h"
-#include "support/daemon_process.h"
-#include "support/sim_root.h"
+#include "support/daemon_suite.h"
 
 namespace {
 
-using Argv = std::vector<std::string>;
-
 const char kShell[] = "/opt/VexProServer/VexProServer.sh";
-const std::string kOk = "{\"result\":0}\n";
-const std::string kParseError = "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n";
-const std::string kInputError = "{\"error_code\":-1,\"error_msg\":\"input error\"}\n";
-
-std::string failure(const std::string& handler)
-{
-    return "{\"error_msg\":\"" + handler + " fail\",\"result\":-1}\n";
-}
-
-std::vector<Argv> argvs(const SimRoot& root, const std::string& who)
-{
-    std::vector<Argv> out;
-    for (const SimCall& call : root.calls(who))
-        out.push_back(call.argv);
-    return out;
-}
 
 // Only the programs these handlers run; the registry look-up of the control
 // script goes through conf_get and is not what is being checked here.
@@ -83,21 +63,7 @@ const Invocation kRuns[] = {
      {"metrix_tool", "flush", "-p", "vexpro"}, "nox_system_call_cloud_analysis_unregister_handler"},
 };
 
-class SharesAndAnalytics : public testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(daemon_.start()) << daemon_.stderr_text(); }
-
-    std::string call(const std::string& command, const std::string& request)
-    {
-        int status = -1;
-        std::string reply = daemon_.call(command, request, &status);
-        EXPECT_EQ(status, DV_STATUS_OK) << command;
-        return reply;
-    }
-
-    SimRoot root_;
-    DaemonProcess daemon_{root_};
-};
+class SharesAndAnalytics : public DaemonPerTest {};
 
 TEST_F(SharesAndAnalytics, EachCommandRunsItsProgramOnceWithTheExactArguments)
 {
@@ -122,7 +88,7 @@ TEST_F(SharesAndAnalytics, AwkwardAndEmptyTextsArriveAsSingleArgumentsUnchanged)
     const std::string share = Json::FastWriter().write(req);
     EXPECT_EQ(call("system_call_share_lock_add", share), kOk);
     EXPECT_EQ(call("system_call_share_lock_remove", share), kOk);
-    EXPECT_EQ(argvs(root_, PATH_SHARE_LOCK),
+    EXPECT_EQ(argvs(PATH_SHARE_LOCK),
               (std::vector<Argv>{{"share_lock", "add", kAwkward, "VexProServer"}, {"share_lock", "remove", kAwkward}}));
 
     req = Json::Value();
@@ -131,14 +97,14 @@ TEST_F(SharesAndAnalytics, AwkwardAndEmptyTextsArriveAsSingleArgumentsUnchanged)
     req["record_type"] = "";
     req["record_text"] = kAwkward;
     EXPECT_EQ(call("system_call_cloud_analysis_send", Json::FastWriter().write(req)), kOk);
-    EXPECT_EQ(argvs(root_, PATH_METRIX_TOOL),
+    EXPECT_EQ(argvs(PATH_METRIX_TOOL),
               (std::vector<Argv>{{"metrix_tool", "send", "-p", "vexpro", "-r", "", "-e", kAwkward}}));
 
     // Empty strings are accepted and passed on as empty arguments.
     EXPECT_EQ(call("system_zel_smb_setfolder_priv", R"({"share_name": "", "command": "", "priv_type": ""})"), kOk);
-    EXPECT_EQ(argvs(root_, PATH_SMB_UPDATE), (std::vector<Argv>{{"vex_smb_update.sh", "", "", ""}}));
+    EXPECT_EQ(argvs(PATH_SMB_UPDATE), (std::vector<Argv>{{"vex_smb_update.sh", "", "", ""}}));
     EXPECT_EQ(call("system_call_tandex_list_add", R"({"exclude_name": "a b", "exclude_path": ""})"), kOk);
-    EXPECT_EQ(argvs(root_, kShell), (std::vector<Argv>{{"VexProServer.sh", "fabric_tandex_list_add", "a b", ""}}));
+    EXPECT_EQ(argvs(kShell), (std::vector<Argv>{{"VexProServer.sh", "fabric_tandex_list_add", "a b", ""}}));
 }
 
 TEST_F(SharesAndAnalytics, ANonZeroExitOrAMissingProgramGivesTheFailureText)
@@ -150,7 +116,7 @@ TEST_F(SharesAndAnalytics, ANonZeroExitOrAMissingProgramGivesTheFailureText)
             root_.clear_calls();
             EXPECT_EQ(call(r.command, r.request), failure(r.handler));
             // It ran once all the same, and was not retried.
-            EXPECT_EQ(argvs(root_, r.program), std::vector<Argv>{r.argv});
+            EXPECT_EQ(argvs(r.program), std::vector<Argv>{r.argv});
         }
     }
     root_.reset();

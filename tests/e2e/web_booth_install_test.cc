@@ -8,88 +8,34 @@
 #include <string>
 #include <vector>
 
-#include "daemon/strutil.h"
 #include "dv.h"
 #include "platform/paths.h"
-#include "platform/sim/simlib.h"
-#include "support/daemon_process.h"
+#include "support/daemon_suite.h"
 #include "support/env.h"
-#include "support/sim_root.h"
-#include "support/tempdir.h"
 
 namespace {
 
-using Argv = std::vector<std::string>;
-
 const std::string kAppScript = "/opt/VexProServer/script/operate_appboxcenter_app.sh";
-const std::string kInputError = "{\"error_code\":-1,\"error_msg\":\"input error\"}\n";
-
-std::string encode(const std::string& text)
-{
-    std::string out;
-    base64_encode(text, out);
-    return out;
-}
-
-std::string decode(const std::string& text)
-{
-    std::string out;
-    base64_decode(text, out);
-    return out;
-}
 
 std::string success(const std::string& output)
 {
-    return "{\"cli_ret\":0,\"result\":0,\"result_out\":\"" + encode(output) + "\"}\n";
+    return "{\"cli_ret\":0,\"result\":0,\"result_out\":\"" + encode_base64(output) + "\"}\n";
 }
 
 // One daemon for the suite, started without APPBOXD in its environment.
-class AppTools : public testing::Test {
+class AppTools : public DaemonPerSuite<AppTools> {
 protected:
     static void SetUpTestSuite()
     {
-        root_ = new SimRoot;
         ScopedEnv no_permission("APPBOXD", nullptr);
-        daemon_ = new DaemonProcess(*root_);
-        ASSERT_TRUE(daemon_->start()) << daemon_->stderr_text();
-    }
-    static void TearDownTestSuite()
-    {
-        // An orderly stop, and nothing on stderr: a sanitizer build reports there.
-        EXPECT_EQ(daemon_->stop(), 0);
-        EXPECT_EQ(daemon_->stderr_text(), "");
-        delete daemon_;
-        delete root_;
+        DaemonPerSuite::SetUpTestSuite();
     }
 
-    void SetUp() override
-    {
-        root_->remove(sim::STEER_DIR);
-        root_->clear_calls();
-    }
-
-    std::string call(const std::string& command, const std::string& request, int* status = nullptr)
-    {
-        int st = -1;
-        std::string reply = daemon_->call(command, request, &st);
-        if (status)
-            *status = st;
-        else
-            EXPECT_EQ(st, DV_STATUS_OK) << request;
-        return reply;
-    }
     void expect_no_reply(const std::string& command, const std::string& request)
     {
         int status = -1;
         EXPECT_EQ(call(command, request, &status), "") << request;
         EXPECT_EQ(status, DV_STATUS_SOCKET) << request;
-    }
-    std::vector<Argv> argvs(const std::string& who) const
-    {
-        std::vector<Argv> out;
-        for (const SimCall& c : root_->calls(who))
-            out.push_back(c.argv);
-        return out;
     }
     // APPBOXD as the daemon's own environment holds it now, read through a
     // child it starts for another command.
@@ -99,13 +45,7 @@ protected:
         EXPECT_TRUE(Json::Reader().parse(call("exec_cli", R"({"command":["/usr/bin/printenv","APPBOXD"]})"), reply));
         return reply["result"].asString();
     }
-
-    static SimRoot* root_;
-    static DaemonProcess* daemon_;
 };
-
-SimRoot* AppTools::root_ = nullptr;
-DaemonProcess* AppTools::daemon_ = nullptr;
 
 TEST_F(AppTools, WebBoothRunsTheContainerShellForEachAction)
 {
@@ -141,7 +81,7 @@ TEST_F(AppTools, WebBoothRunsTheContainerShellForEachAction)
             ASSERT_TRUE(Json::Reader().parse(reply, parsed)) << reply;
             EXPECT_EQ(parsed["result"], 0);
             EXPECT_EQ(parsed["cli_ret"], 0);
-            EXPECT_EQ(decode(parsed["result_out"].asString()).rfind("{\"id\":\"wb-", 0), 0u) << reply;
+            EXPECT_EQ(decode_base64(parsed["result_out"].asString()).rfind("{\"id\":\"wb-", 0), 0u) << reply;
         }
     }
 
