@@ -1,6 +1,9 @@
 // dwe-dv-vexprod: the app's root service daemon. Finds the app's install
 // directory, logs beneath it, refuses to run twice, serves the command and
 // mail services and forwards the two message queues until SIGINT or SIGTERM.
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/close_range.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/time.h>
@@ -121,6 +124,29 @@ void stop_queue(T_MSGQ_service*& queue)
     _exit(0);
 }
 
+// Whatever our starter left open beyond the standard three (a start
+// script's pipe, a terminal's spare descriptor) is kept from every program we
+// run, as our own descriptors are. Marked, not closed: the starter may rely
+// on them, and we do not know what they are.
+void keep_inherited_fds_from_children()
+{
+    if (close_range(3, ~0U, CLOSE_RANGE_CLOEXEC) == 0)
+        return;
+    DIR* fds = opendir("/proc/self/fd");
+    if (!fds)
+        return;
+    while (const dirent* entry = readdir(fds)) {
+        char* end = nullptr;
+        long fd = strtol(entry->d_name, &end, 10);
+        if (end == entry->d_name || *end != '\0' || fd <= 2 || fd == dirfd(fds))
+            continue;
+        int flags = fcntl(static_cast<int>(fd), F_GETFD);
+        if (flags >= 0 && !(flags & FD_CLOEXEC))
+            fcntl(static_cast<int>(fd), F_SETFD, flags | FD_CLOEXEC);
+    }
+    closedir(fds);
+}
+
 void read_options(int argc, char** argv)
 {
     opterr = 0;  // our own message below is the only one
@@ -148,6 +174,7 @@ void read_options(int argc, char** argv)
 int main(int argc, char** argv)
 {
     unsetenv("LD_LIBRARY_PATH");
+    keep_inherited_fds_from_children();
 
     std::string install_path;
     if (!dv_get_ini_info(PATH_APPBOX_CONF, "VexProServer", "Install_Path", install_path)) {
@@ -196,6 +223,8 @@ int main(int argc, char** argv)
     sigaddset(&stop_signals, SIGINT);
     sigaddset(&stop_signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stop_signals, &old);
+    msgq_reclaim(NOTIFY_MSGQ_KEY);
+    msgq_reclaim(EVENTLOG_MSGQ_KEY);
     msgq_obj = new T_MSGQ_service(NOTIFY_MSGQ_KEY, notify_handler, NOTIFY_MSG_SIZE);
     msgq_obj->server_start();
     log_msgq_obj = new T_MSGQ_service(EVENTLOG_MSGQ_KEY, eventlog_handler, EVENTLOG_MSG_SIZE);

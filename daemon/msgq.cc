@@ -6,6 +6,7 @@
 
 #include <sys/ipc.h>
 #include <sys/msg.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -106,6 +107,42 @@ void* T_MSGQ_service::do_msg_recv(void* self)
     }
     free(buffer);
     return nullptr;
+}
+
+void msgq_reclaim(int key)
+{
+    const uid_t us = geteuid();
+    // Someone may make a queue at the key again between our removal and our
+    // creation: look again, a few times.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        int id = msgget(key, 0);
+        if (id == -1) {
+            if (errno != ENOENT) {
+                DBG("msgget key:%d fail: %s", key, strerror(errno));
+                return;
+            }
+            if (msgget(key, IPC_CREAT | IPC_EXCL | 0644) != -1 || errno != EEXIST)
+                return;
+            continue;
+        }
+        struct msqid_ds ds;
+        if (msgctl(id, IPC_STAT, &ds) != 0) {
+            DBG("msgctl IPC_STAT key:%d fail: %s", key, strerror(errno));
+            return;
+        }
+        // The creator keeps the right to change or remove it, whoever it
+        // has been handed to since.
+        if (ds.msg_perm.uid == us && ds.msg_perm.cuid == us)
+            return;
+        if (msgctl(id, IPC_RMID, nullptr) != 0) {
+            DBG("queue key:%d belongs to uid %u (made by uid %u) and cannot be removed: %s", key,
+                static_cast<unsigned>(ds.msg_perm.uid), static_cast<unsigned>(ds.msg_perm.cuid), strerror(errno));
+            return;
+        }
+        DBG("queue key:%d belonged to uid %u (made by uid %u): removed, making our own", key,
+            static_cast<unsigned>(ds.msg_perm.uid), static_cast<unsigned>(ds.msg_perm.cuid));
+    }
+    DBG("queue key:%d keeps being made by someone else", key);
 }
 
 int T_MSGQ_service::send_msg(int key, void* msg, unsigned long size)

@@ -16,6 +16,13 @@ inline constexpr int MSGQ_SEND_FAILED = 102;         // msgsnd failed, e.g. the 
 // A message is a `long` type (8 bytes) followed by msg_size text bytes.
 inline constexpr unsigned long MSGQ_TYPE_SIZE = sizeof(long);
 
+// Before a daemon's queue object is made for key: a queue there that
+// another user owns or created is removed (with a log line), since its
+// owner could read our records, fill it, or take it away from us. Then the
+// queue is created as ours unless one of ours is already there. Whatever
+// cannot be done is logged; the object's own msgget then does what it can.
+void msgq_reclaim(int key);
+
 class T_MSGQ_service {
 public:
     using msg_handler = void (*)(void*);

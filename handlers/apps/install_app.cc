@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "daemon/exec_policy.h"
 #include "daemon/handler_kit.h"
 #include "daemon/log.h"
 #include "daemon/tool_call.h"
@@ -53,6 +54,15 @@ void nox_install_app_handler(dv_io* io, int)
     if (script[0] != '/' || length < 0 || static_cast<size_t>(length) >= sizeof(script)) {
         reject_request(reply, "sys_install_folder is not a usable absolute path");
         send_reply(io, reply);
+        return;
+    }
+
+    // The folder is the caller's choice, so the script is only run when
+    // nobody but root could have put it, or anything on its way, there. A
+    // refusal ends the request as a failed run does: without a reply.
+    std::string why;
+    if (!trusted_script(script, why)) {
+        DBG("not running %s for pid %d uid %d: %s", script, dv_io_pid(io), dv_io_uid(io), why.c_str());
         return;
     }
 

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -35,11 +36,17 @@ std::string ban_list_text(const std::vector<std::string>& addresses)
     return text;
 }
 
+// Two requests that truncate and write the same file at once would leave
+// the shorter text followed by the tail of the longer one. One writer at a
+// time makes the file the last writer's text, whole.
+std::mutex ban_list_lock;
+
 // Replaces the file whole. False when it cannot be opened or the text did
 // not all reach it; what was written stays.
 bool write_ban_list(const std::string& text)
 {
     const std::string path = platform_path(PATH_IP_BAN_LIST);
+    std::lock_guard<std::mutex> one_writer(ban_list_lock);
     FILE* file = fopen(path.c_str(), "we");
     if (!file) {
         DBG("cannot open %s: %s.", PATH_IP_BAN_LIST, strerror(errno));

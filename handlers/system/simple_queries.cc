@@ -7,6 +7,7 @@
 #include <string>
 
 #include "daemon/exec_cli.h"
+#include "daemon/exec_policy.h"
 #include "daemon/handler_kit.h"
 #include "daemon/ini.h"
 #include "daemon/log.h"
@@ -15,6 +16,9 @@
 #include "platform/paths.h"
 
 namespace {
+
+// exec_cli's own codes are 0, -1 and -2; a refused program has its own.
+constexpr int EXEC_CLI_NOT_ALLOWED = -3;
 
 // The app's control script with one action; true when it ran and exited 0.
 bool run_control_script(const char* action)
@@ -53,10 +57,20 @@ void nox_exec_cli_handler(dv_io* io, int)
         send_reply(io, reply);
         return;
     }
-    std::string output;
-    int code = exec_cli(request, &output);
     reply["handler"] = "exec_cli_handler";
     reply["service"] = "VexProServer-vexprod";
+    // Root may run anything. Anyone else gets no shell or interpreter, and
+    // nothing that someone other than root could have swapped in.
+    std::string program, why;
+    if (dv_io_uid(io) != 0 && exec_cli_program(request, program) && !exec_program_allowed(program, why)) {
+        DBG("refused for pid %d uid %d: %s (%s)", dv_io_pid(io), dv_io_uid(io), program.c_str(), why.c_str());
+        reply["error_code"] = EXEC_CLI_NOT_ALLOWED;
+        reply["error_msg"] = "program not allowed: " + program;
+        send_reply(io, reply);
+        return;
+    }
+    std::string output;
+    int code = exec_cli(request, &output);
     reply["error_code"] = code;
     reply[code == 0 ? "result" : "error_msg"] = output;
     send_reply(io, reply);

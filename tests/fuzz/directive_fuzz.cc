@@ -151,12 +151,7 @@ void check_no_leak()
     int now = settled_fd_count();
     if (now != baseline_fds) {
         fprintf(stderr, "descriptor count %d after %lu inputs, %d at the start:\n", now, runs, baseline_fds);
-        for (int fd : open_fds()) {
-            char target[256] = "";
-            std::string link = "/proc/self/fd/" + std::to_string(fd);
-            ssize_t n = readlink(link.c_str(), target, sizeof(target) - 1);
-            fprintf(stderr, "  %d -> %s\n", fd, n > 0 ? target : "?");
-        }
+        fputs(describe_open_fds().c_str(), stderr);
         abort();
     }
 }

@@ -49,30 +49,19 @@ DaemonProcess::DaemonProcess(SimRoot& root) : root_(root)
     if (symlink(daemon_binary().c_str(), link.c_str()) != 0)
         throw std::runtime_error("cannot link " + link);
     err_file_ = bin_.file("stderr");
+    // The names hash into the daemon's socket directory.
+    ScopedEnv env("DV_SOCKET_DIR", sockets_.path().c_str());
+    char path[MAXIMUM_NAME_SIZE];
+    dv_sockfile("VexProServer-vexprod", path, sizeof(path));
+    command_socket_ = path;
+    dv_sockfile("VexProServer_send_mail-vexprod", path, sizeof(path));
+    mail_socket_ = path;
 }
 
 DaemonProcess::~DaemonProcess()
 {
     if (pid_ > 0)
         stop(SIGTERM, 5000);
-}
-
-std::string DaemonProcess::sockfile(const char* service) const
-{
-    ScopedEnv env("DV_SOCKET_DIR", sockets_.path().c_str());
-    char path[MAXIMUM_NAME_SIZE];
-    dv_sockfile(service, path, sizeof(path));
-    return path;
-}
-
-std::string DaemonProcess::command_socket() const
-{
-    return sockfile("VexProServer-vexprod");
-}
-
-std::string DaemonProcess::mail_socket() const
-{
-    return sockfile("VexProServer_send_mail-vexprod");
 }
 
 std::vector<std::string> DaemonProcess::client_env() const
@@ -181,10 +170,10 @@ std::string DaemonProcess::debug_log() const
     return read_text_file(root_.abs("/opt/VexProServer/.log/.dwe_dv_vexprod.log"));
 }
 
-std::string DaemonProcess::call(const std::string& command, const std::string& json, int* status, int fd,
-                                unsigned timeout_s) const
+std::string call_socket(const std::string& sockfile, const std::string& command, const std::string& json, int* status,
+                        int fd, unsigned timeout_s)
 {
-    std::string name = "@" + command_socket();
+    std::string name = "@" + sockfile;
     void* reply = nullptr;
     size_t size = 0;
     int st = dv_ez_call(name.c_str(), command.c_str(), json.data(), json.size(), &reply, &size, timeout_s, fd);
@@ -195,15 +184,13 @@ std::string DaemonProcess::call(const std::string& command, const std::string& j
     return out;
 }
 
+std::string DaemonProcess::call(const std::string& command, const std::string& json, int* status, int fd,
+                                unsigned timeout_s) const
+{
+    return call_socket(command_socket_, command, json, status, fd, timeout_s);
+}
+
 std::string DaemonProcess::call_mail(const std::string& command, const std::string& json, int* status) const
 {
-    std::string name = "@" + mail_socket();
-    void* reply = nullptr;
-    size_t size = 0;
-    int st = dv_ez_call(name.c_str(), command.c_str(), json.data(), json.size(), &reply, &size, 10, -1);
-    if (status)
-        *status = st;
-    std::string out = reply ? std::string(static_cast<char*>(reply), size) : std::string();
-    free(reply);
-    return out;
+    return call_socket(mail_socket_, command, json, status);
 }

@@ -40,15 +40,15 @@ public:
     std::string program_path() const { return bin_.file(program_); }
     const std::string& socket_dir() const { return sockets_.path(); }
     // The socket files of the two services.
-    std::string command_socket() const;
-    std::string mail_socket() const;
+    const std::string& command_socket() const { return command_socket_; }
+    const std::string& mail_socket() const { return mail_socket_; }
     // The daemon's stderr so far (a file, since the daemon may outlive a pipe).
     std::string stderr_text() const;
     // The debug log under the app's Install_Path in the root.
     std::string debug_log() const;
 
     // One call through dv_call; returns the reply text ("" when none) and
-    // stores the client status.
+    // stores the client status. Safe from any thread.
     std::string call(const std::string& command, const std::string& json, int* status = nullptr, int fd = -1,
                      unsigned timeout_s = 10) const;
     std::string call_mail(const std::string& command, const std::string& json, int* status = nullptr) const;
@@ -56,10 +56,10 @@ public:
     std::vector<std::string> client_env() const;
 
 private:
-    std::string sockfile(const char* service) const;
-
     SimRoot& root_;
     TempDir sockets_;
+    std::string command_socket_;
+    std::string mail_socket_;
     TempDir bin_;
     std::string program_;
     std::string err_file_;
@@ -69,3 +69,8 @@ private:
 
 // The daemon binary in the build tree.
 std::string daemon_binary();
+
+// One call to the service listening on sockfile, through dv_ez_call: the
+// reply text ("" when none), the client status in *status.
+std::string call_socket(const std::string& sockfile, const std::string& command, const std::string& json,
+                        int* status = nullptr, int fd = -1, unsigned timeout_s = 10);

@@ -92,16 +92,6 @@ std::vector<std::string> handler_messages(const std::string& log, const std::str
 
 namespace {
 
-int fd_count(pid_t pid)
-{
-    std::error_code ec;
-    int n = 0;
-    for (auto it = fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec);
-         !ec && it != fs::directory_iterator(); it.increment(ec))
-        ++n;
-    return n;
-}
-
 std::vector<std::string> files_in(const std::string& dir)
 {
     std::vector<std::string> names;
@@ -113,20 +103,6 @@ std::vector<std::string> files_in(const std::string& dir)
 }
 
 }  // namespace
-
-int settled_fd_count(pid_t pid)
-{
-    // Ten equal counts in a row, 10 ms apart; a count that never settles is
-    // returned as it is after five seconds, for the comparison to show.
-    int last = fd_count(pid);
-    for (int same = 0, rounds = 0; same < 10 && rounds < 500; ++rounds) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        int now = fd_count(pid);
-        same = now == last ? same + 1 : 0;
-        last = now;
-    }
-    return last;
-}
 
 void DaemonFixture::SetUp()
 {

@@ -12,6 +12,7 @@
 
 #include "platform/sim/simlib.h"
 #include "support/daemon_process.h"
+#include "support/settle.h"
 #include "support/sim_root.h"
 #include "support/tempdir.h"
 
@@ -45,9 +46,6 @@ std::string without_line_number(std::string text, const std::string& handler);
 // The messages of handler in a debug-log text, one a line, from
 // "[handler][#]" on.
 std::vector<std::string> handler_messages(const std::string& log, const std::string& handler);
-// The descriptors of process pid once the count has held still for a while:
-// the daemon lets go of a finished connection a moment after replying.
-int settled_fd_count(pid_t pid);
 
 // What both fixtures below offer a test, whichever daemon they hold.
 class DaemonFixture : public testing::Test {

@@ -1,6 +1,10 @@
 // Descriptor listing through /proc/self/fd.
 #include "support/fds.h"
 
+#include <string>
+
+#include <unistd.h>
+
 #include <dirent.h>
 #include <fcntl.h>
 
@@ -38,4 +42,27 @@ std::vector<int> inheritable_fds()
             fds.push_back(fd);
     }
     return fds;
+}
+
+int count_open_fds_of(pid_t pid)
+{
+    int n = 0;
+    if (DIR* dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str())) {
+        while (const dirent* e = readdir(dir))
+            n += e->d_name[0] != '.';
+        closedir(dir);
+    }
+    return n;
+}
+
+std::string describe_open_fds()
+{
+    std::string out;
+    for (int fd : open_fds()) {
+        char target[256] = "";
+        std::string link = "/proc/self/fd/" + std::to_string(fd);
+        ssize_t n = readlink(link.c_str(), target, sizeof(target) - 1);
+        out += "  " + std::to_string(fd) + " -> " + (n > 0 ? target : "?") + "\n";
+    }
+    return out;
 }

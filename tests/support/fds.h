@@ -2,6 +2,9 @@
 // leaks and that children inherit nothing they should not.
 #pragma once
 
+#include <sys/types.h>
+
+#include <string>
 #include <vector>
 
 // The descriptors listed in /proc/self/fd, without the one used to list them.
@@ -10,3 +13,10 @@ int count_open_fds();
 
 // Those of open_fds() that a child would inherit (no FD_CLOEXEC).
 std::vector<int> inheritable_fds();
+
+// The number of descriptors another process has open (its /proc/<pid>/fd).
+int count_open_fds_of(pid_t pid);
+
+// One line per open descriptor of this process, "  fd -> target", for
+// messages that must show what leaked.
+std::string describe_open_fds();

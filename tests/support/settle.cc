@@ -27,3 +27,15 @@ int settled_fd_count()
     }
     return last;
 }
+
+int settled_fd_count(pid_t pid)
+{
+    int last = count_open_fds_of(pid);
+    for (int same = 0, rounds = 0; same < 10 && rounds < 500; ++rounds) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        int now = count_open_fds_of(pid);
+        same = now == last ? same + 1 : 0;
+        last = now;
+    }
+    return last;
+}

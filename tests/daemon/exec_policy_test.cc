@@ -1,0 +1,215 @@
+// The program check of exec_cli and the ownership walk for install scripts,
+// on trees made for each case: what is refused, and the reason it gives.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "daemon/exec_cli.h"
+#include "daemon/exec_policy.h"
+#include "support/config.h"
+#include "support/env.h"
+#include "support/files.h"
+#include "support/other_user.h"
+#include "support/tempdir.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+TEST(ExecCliProgram, IsTheFirstElementOfAUsableCommand)
+{
+    const std::string long_path = "/" + std::string(300, 'p');
+    const std::pair<std::string, std::string> usable[] = {
+        {R"({"command":["/bin/sh","-c","id"]})", "/bin/sh"},
+        {R"({"command":["sh"], "other": 1})", "sh"},
+        {"{\"command\":[\"" + long_path + "\"]}", long_path.substr(0, EXEC_CLI_ARG_MAX)},
+    };
+    for (const auto& [request, program] : usable) {
+        std::string got;
+        EXPECT_TRUE(exec_cli_program(request, got)) << request;
+        EXPECT_EQ(got, program);
+    }
+    // exec_cli refuses these itself, before anything runs.
+    for (const char* request : {"", "not json", "[\"/bin/sh\"]", R"({"command":"/bin/sh"})", R"({"command":[]})",
+                                R"({"command":[1]})", R"({"command":["/bin/sh",2]})", R"({"cmd":["/bin/sh"]})"}) {
+        std::string got = "untouched";
+        EXPECT_FALSE(exec_cli_program(request, got)) << request;
+        EXPECT_EQ(got, "untouched");
+    }
+}
+
+// exec_program_allowed on programs of the system and on what a caller could
+// make of them in /tmp, which everyone may write into.
+TEST(ExecProgram, RefusesShellsInterpretersAndWhatOthersCouldSwap)
+{
+    TempDir tmp;
+    fs::create_symlink("/bin/bash", tmp.file("calc"));
+    fs::create_symlink("/bin/echo", tmp.file("echo"));
+    fs::copy_file("/bin/echo", tmp.file("echo-copy"));
+
+    const char* allowed[] = {"/bin/echo", "/usr/bin/env", "/bin/ls", "/no/such/program", "/bin/no-such-tool", ""};
+    for (const char* program : allowed) {
+        std::string why;
+        EXPECT_TRUE(exec_program_allowed(program, why)) << program << ": " << why;
+    }
+
+    const std::pair<std::string, std::string> refused[] = {
+        {"/bin/sh", "a shell or an interpreter"},
+        {"bash", "a shell or an interpreter"},
+        {"/usr/bin/python3", "a shell or an interpreter"},
+        {tmp.file("calc"), "leads to /usr/bin/bash, a shell or an interpreter"},
+        {tmp.file("echo"), "/tmp is writable by group or others"},
+        {tmp.file("echo-copy"), "/tmp is writable by group or others"},
+        {"/proc/self/exe", "/proc/self is a link of /proc"},
+        {"/dev/fd/0", "/proc/self is a link of /proc"},
+        {"/proc/" + std::to_string(getpid()) + "/exe", "/proc/" + std::to_string(getpid()) + "/exe is a link of /proc"},
+    };
+    for (const auto& [program, reason] : refused) {
+        std::string why;
+        EXPECT_FALSE(exec_program_allowed(program, why)) << program;
+        EXPECT_EQ(why, reason) << program;
+    }
+}
+
+// A directory that nobody but root or us can write, all the way up, for
+// trees the program check should trust: beside the build outputs.
+class TrustedTree : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        dir_ = binary_dir() + "/tests/exec-policy-" + std::to_string(getpid());
+        fs::remove_all(dir_);
+        if (mkdir(dir_.c_str(), 0755) != 0)
+            GTEST_SKIP() << "cannot make " << dir_ << ": " << strerror(errno);
+        ASSERT_EQ(chmod(dir_.c_str(), 0755), 0);
+        std::string why;
+        fs::copy_file("/bin/echo", dir_ + "/echo");
+        if (!exec_program_allowed(dir_ + "/echo", why))
+            GTEST_SKIP() << "the build tree is not trusted here (" << why << ")";
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    std::string dir_;
+};
+
+TEST_F(TrustedTree, AProgramIsTrustedOnlyWhileNobodyElseCanChangeIt)
+{
+    const std::string echo = dir_ + "/echo";
+    fs::create_symlink("echo", dir_ + "/echo-link");
+    fs::create_symlink("a", dir_ + "/b");
+    fs::create_symlink("b", dir_ + "/a");
+    std::string why;
+    EXPECT_TRUE(exec_program_allowed(echo, why)) << why;
+    EXPECT_TRUE(exec_program_allowed(dir_ + "/echo-link", why)) << why;
+    EXPECT_TRUE(exec_program_allowed(dir_ + "/../" + fs::path(dir_).filename().string() + "/echo", why)) << why;
+
+    struct Case {
+        std::function<void()> loosen, tighten;
+        std::string program, why;
+    };
+    const std::vector<Case> cases = {
+        {[&] { chmod(echo.c_str(), 0775); }, [&] { chmod(echo.c_str(), 0755); }, echo,
+         echo + " is writable by group or others"},
+        {[&] { chmod(dir_.c_str(), 0757); }, [&] { chmod(dir_.c_str(), 0755); }, dir_ + "/echo-link",
+         dir_ + " is writable by group or others"},
+        {[] {}, [] {}, dir_ + "/a", dir_ + "/a: too many levels of symbolic links"},
+    };
+    for (const Case& c : cases) {
+        c.loosen();
+        EXPECT_FALSE(exec_program_allowed(c.program, why)) << c.program;
+        EXPECT_EQ(why, c.why);
+        c.tighten();
+    }
+    if (can_switch_user()) {
+        ASSERT_EQ(chown(echo.c_str(), kSpareUid, kSpareGid), 0);
+        EXPECT_FALSE(exec_program_allowed(dir_ + "/echo-link", why));
+        EXPECT_EQ(why, echo + " belongs to uid 65534");
+    }
+}
+
+// trusted_script below a platform root of our own.
+class ScriptTree : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        fs::create_directories(root_.file("opt/app/script"));
+        ASSERT_TRUE(write_text_file(root_.file(kScript.substr(1)), "#!/bin/sh\n", 0755));
+        for (const char* dir : {"opt", "opt/app", "opt/app/script"})
+            ASSERT_EQ(chmod(root_.file(dir).c_str(), 0755), 0);
+        ASSERT_EQ(chmod(root_.file(kScript.substr(1)).c_str(), 0755), 0);
+    }
+
+    const std::string kScript = "/opt/app/script/run.sh";
+    TempDir root_;
+    ScopedEnv env_{"VEXPROD_PLATFORM_ROOT", root_.path().c_str()};
+};
+
+TEST_F(ScriptTree, RunsOnlyWhatNobodyElseCouldHavePlaced)
+{
+    std::string why;
+    EXPECT_TRUE(trusted_script(kScript, why)) << why;
+    EXPECT_TRUE(trusted_script("//opt/./app/script//run.sh", why)) << why;
+
+    fs::create_directory_symlink("app", root_.file("opt/link"));
+    fs::create_directories(root_.file("opt/other/script"));
+    fs::create_symlink(root_.file(kScript.substr(1)), root_.file("opt/other/script/run.sh"));
+    const std::string top = root_.path();
+    struct Case {
+        std::string path, loosen, why;
+    };
+    const std::vector<Case> cases = {
+        {kScript, "", ""},
+        {"/opt/link/script/run.sh", "", top + "/opt/link is a symbolic link"},
+        {"/opt/other/script/run.sh", "", top + "/opt/other/script/run.sh is a symbolic link"},
+        {"/opt/other/../app/script/run.sh", "", top + "/opt/other/.. climbs out with .."},
+        {"/opt/app/script/missing.sh", "", top + "/opt/app/script/missing.sh: No such file or directory"},
+        {"/opt/app/script", "", top + "/opt/app/script is not a regular file"},
+        {"/opt/app/script/run.sh/x", "", top + "/opt/app/script/run.sh is not a directory"},
+        {"/", "", "no file named"},
+        {kScript, "opt/app/script/run.sh", top + kScript + " is writable by group or others"},
+        {kScript, "opt/app/script", top + "/opt/app/script is writable by group or others"},
+        {kScript, "opt", top + "/opt is writable by group or others"},
+        {kScript, ".", top + " is writable by group or others"},
+    };
+    for (const Case& c : cases) {
+        const std::string loosen = root_.file(c.loosen);
+        if (!c.loosen.empty())
+            chmod(loosen.c_str(), 0777);
+        why.clear();
+        EXPECT_EQ(trusted_script(c.path, why), c.why.empty()) << c.path << " " << c.loosen;
+        EXPECT_EQ(why, c.why) << c.path << " " << c.loosen;
+        if (!c.loosen.empty())
+            chmod(loosen.c_str(), c.loosen == "." ? 0700 : 0755);
+    }
+
+    if (can_switch_user()) {
+        ASSERT_EQ(chown(root_.file("opt/app").c_str(), kSpareUid, kSpareGid), 0);
+        EXPECT_FALSE(trusted_script(kScript, why));
+        EXPECT_EQ(why, top + "/opt/app belongs to uid 65534");
+    }
+}
+
+TEST(TrustedScript, OnTheApplianceTheWalkStartsAtTheRealRoot)
+{
+    ScopedEnv env("VEXPROD_PLATFORM_ROOT", nullptr);
+    std::string why;
+    EXPECT_TRUE(trusted_script("/usr/bin/env", why)) << why;
+    // /bin is a link to usr/bin on merged systems; a plain directory elsewhere.
+    struct stat st;
+    if (lstat("/bin", &st) == 0 && S_ISLNK(st.st_mode)) {
+        EXPECT_FALSE(trusted_script("/bin/echo", why));
+        EXPECT_EQ(why, "/bin is a symbolic link");
+    }
+    EXPECT_FALSE(trusted_script("/tmp/operate_appboxcenter_app.sh", why));
+    EXPECT_EQ(why, "/tmp is writable by group or others");
+}
+
+}  // namespace
