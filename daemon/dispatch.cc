@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <mutex>
 #include <cstdio>
 #include <cstring>
 
@@ -17,6 +18,14 @@ void* pthread_callback_function(void* arg)
     args->handler(args->io, args->fd);
     pthread_exit(nullptr);
 }
+
+namespace {
+
+// Guards the moments standard output is pointed somewhere else, not the
+// handler runs in between.
+std::mutex stdout_lock;
+
+}  // namespace
 
 void dispatch_command(const T_COMMAND_ENTRY* table, size_t size, const char* name, dv_io* io, int fd)
 {
@@ -44,6 +53,9 @@ void dispatch_command(const T_COMMAND_ENTRY* table, size_t size, const char* nam
         // Whatever the handler or a program it starts prints goes to the
         // client. Standard output is process-wide: with requests in flight
         // on several workers the last redirection wins, as it always has.
+        // Each redirection is made whole under a lock, so that one worker's
+        // dup2 cannot fall into the middle of another's freopen.
+        std::lock_guard<std::mutex> one_at_a_time(stdout_lock);
         dup2(fd, STDOUT_FILENO);
         // The number is closed once only: in a threaded process it may be
         // handed to another thread's file the moment it is free, and a
@@ -63,7 +75,12 @@ void dispatch_command(const T_COMMAND_ENTRY* table, size_t size, const char* nam
 
     // Flushes what the handler left in stdout's buffer to the client and
     // lets go of its descriptor; glibc keeps descriptor 1 for /dev/null.
-    if (!freopen("/dev/null", "w", stdout))
+    bool reopened;
+    {
+        std::lock_guard<std::mutex> one_at_a_time(stdout_lock);
+        reopened = freopen("/dev/null", "w", stdout) != nullptr;
+    }
+    if (!reopened)
         DBG("freopen /dev/null fail, errno=%d", errno);
     if (io)
         dv_io_free(io);

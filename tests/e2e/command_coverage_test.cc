@@ -65,7 +65,7 @@ const Exercise kMain[] = {
     {"web_booth",
      R"({"action":"get_status","auth_token":"tok","rule_list":[{"bs_id":"b1","des_protocol":"http","host_name":"camera1","des_port":8080}]})"},
     {"install_app",
-     R"({"sys_install_folder":"/opt/VexProServer","app_file_path":"/share/Public/demo.qpkg","install_volume":"1"})"},
+     R"({"sys_install_folder":"/opt/VexProServer","app_file_path":"/share/Public/demo.pkg","install_volume":"1"})"},
     {"cmv_cli", R"({"cmd":"status"})"},
 };
 
@@ -110,7 +110,7 @@ TEST(CommandCoverage, EveryCommandOfBothTablesAnswersAWellFormedRequest)
     EXPECT_EQ(names_of(kMail), names_of(sendmail_handler, sendmail_handler_size));
 
     SimRoot root;
-    root.write_file("/share/Public/demo.qpkg", "package");
+    root.write_file("/share/Public/demo.pkg", "package");
     root.write_file("/tmp/vexpro_sendmail/cov.conf", "account default\n");
     root.write_file("/tmp/vexpro_sendmail/cov.content", "Subject: coverage\n\nhello\n");
     DaemonProcess daemon(root);

@@ -235,6 +235,9 @@ TEST(Service, AKilledProcessConsumerIsRestartedAtTheNextDispatch)
 
 TEST_P(Modes, StopEndsPromptlyAndLeavesNothingBehind)
 {
+    // One service first, so that helper threads of the test process itself
+    // (a thread checker's, say) already exist when the counts are taken.
+    { TestService warm_up(echo_exec, GetParam(), 1); }
     int fds_before = count_open_fds();
     int threads_before = thread_count();
     {

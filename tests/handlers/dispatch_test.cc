@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <set>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -131,13 +132,30 @@ TEST(Dispatch, AThousandUnknownRequestsLeakNoDescriptor)
 
 // A test-only table: its handlers write to standard output, look at what
 // descriptor 1 is while they run, and may leave the client without a reply.
+// Written by the handler thread, read by the test after the reply: the
+// lock makes that order visible to thread checkers too.
+std::mutex g_seen_lock;
 std::string g_stdout_during;
 int g_fd_seen = -2;
 
+struct Seen {
+    int fd;
+    std::string stdout_target;
+};
+
+Seen seen()
+{
+    std::lock_guard<std::mutex> g(g_seen_lock);
+    return {g_fd_seen, g_stdout_during};
+}
+
 void print_handler(dv_io* io, int fd)
 {
-    g_fd_seen = fd;
-    g_stdout_during = fd_target(STDOUT_FILENO);
+    {
+        std::lock_guard<std::mutex> g(g_seen_lock);
+        g_fd_seen = fd;
+        g_stdout_during = fd_target(STDOUT_FILENO);
+    }
     // Left in stdio's buffer on purpose (no newline, so even a line-buffered
     // stdout keeps it): the dispatcher must flush it to the client before it
     // lets go of the descriptor.
@@ -184,8 +202,8 @@ TEST(Dispatch, TheCallersDescriptorIsStandardOutputWhileTheHandlerRuns)
     int status = -1;
     EXPECT_EQ(service.call("print", "", &status, pipefd[1]), "{\"result\":0}\n");
     EXPECT_EQ(status, DV_STATUS_OK);
-    EXPECT_EQ(g_stdout_during, pipe_name);
-    EXPECT_GE(g_fd_seen, 0);
+    EXPECT_EQ(seen().stdout_target, pipe_name);
+    EXPECT_GE(seen().fd, 0);
     EXPECT_TRUE(eventually([] { return fd_target(STDOUT_FILENO) == "/dev/null"; }));
 
     close(pipefd[1]);
@@ -197,10 +215,13 @@ TEST(Dispatch, TheCallersDescriptorIsStandardOutputWhileTheHandlerRuns)
     EXPECT_EQ(got, "written to descriptor 1\nprinted by print_handler");
 
     // Without a descriptor the handler runs all the same, on /dev/null.
-    g_fd_seen = -2;
+    {
+        std::lock_guard<std::mutex> g(g_seen_lock);
+        g_fd_seen = -2;
+    }
     EXPECT_EQ(service.call("print", "", &status), "{\"result\":0}\n");
-    EXPECT_EQ(g_fd_seen, -1);
-    EXPECT_EQ(g_stdout_during, "/dev/null");
+    EXPECT_EQ(seen().fd, -1);
+    EXPECT_EQ(seen().stdout_target, "/dev/null");
 }
 
 TEST(Dispatch, AHandlerThatDoesNotReplyStillReleasesTheClient)
