@@ -8,9 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <string>
-#include <vector>
 
 #include "daemon/exec_cli.h"
 #include "daemon/exec_policy.h"
@@ -38,8 +36,7 @@ TEST(ExecCliProgram, IsTheFirstElementOfAUsableCommand)
         EXPECT_EQ(got, program);
     }
     // exec_cli refuses these itself, before anything runs.
-    for (const char* request : {"", "not json", "[\"/bin/sh\"]", R"({"command":"/bin/sh"})", R"({"command":[]})",
-                                R"({"command":[1]})", R"({"command":["/bin/sh",2]})", R"({"cmd":["/bin/sh"]})"}) {
+    for (const char* request : {"not json", R"({"command":"/bin/sh"})", R"({"command":[]})", R"({"command":["/bin/sh",2]})"}) {
         std::string got = "untouched";
         EXPECT_FALSE(exec_cli_program(request, got)) << request;
         EXPECT_EQ(got, "untouched");
@@ -47,29 +44,22 @@ TEST(ExecCliProgram, IsTheFirstElementOfAUsableCommand)
 }
 
 // exec_program_allowed on programs of the system and on what a caller could
-// make of them in /tmp, which everyone may write into.
+// make of them in /tmp, which everyone may write into. Shells, interpreters
+// and /proc/self are refused end to end by the security tests; these rows
+// pin the reasons given and what only a unit test can set up.
 TEST(ExecProgram, RefusesShellsInterpretersAndWhatOthersCouldSwap)
 {
     TempDir tmp;
     fs::create_symlink("/bin/bash", tmp.file("calc"));
     fs::create_symlink("/bin/echo", tmp.file("echo"));
-    fs::copy_file("/bin/echo", tmp.file("echo-copy"));
-
-    const char* allowed[] = {"/bin/echo", "/usr/bin/env", "/bin/ls", "/no/such/program", "/bin/no-such-tool", ""};
-    for (const char* program : allowed) {
+    for (const char* program : {"/bin/echo", "/no/such/program", ""}) {
         std::string why;
         EXPECT_TRUE(exec_program_allowed(program, why)) << program << ": " << why;
     }
 
     const std::pair<std::string, std::string> refused[] = {
-        {"/bin/sh", "a shell or an interpreter"},
-        {"bash", "a shell or an interpreter"},
-        {"/usr/bin/python3", "a shell or an interpreter"},
         {tmp.file("calc"), "leads to /usr/bin/bash, a shell or an interpreter"},
         {tmp.file("echo"), "/tmp is writable by group or others"},
-        {tmp.file("echo-copy"), "/tmp is writable by group or others"},
-        {"/proc/self/exe", "/proc/self is a link of /proc"},
-        {"/dev/fd/0", "/proc/self is a link of /proc"},
         {"/proc/" + std::to_string(getpid()) + "/exe", "/proc/" + std::to_string(getpid()) + "/exe is a link of /proc"},
     };
     for (const auto& [program, reason] : refused) {
@@ -111,22 +101,20 @@ TEST_F(TrustedTree, AProgramIsTrustedOnlyWhileNobodyElseCanChangeIt)
     EXPECT_TRUE(exec_program_allowed(dir_ + "/echo-link", why)) << why;
     EXPECT_TRUE(exec_program_allowed(dir_ + "/../" + fs::path(dir_).filename().string() + "/echo", why)) << why;
 
-    struct Case {
-        std::function<void()> loosen, tighten;
+    const struct {
+        std::string loosen;  // made writable by others for the case
+        mode_t mode;
         std::string program, why;
+    } cases[] = {
+        {echo, 0775, echo, echo + " is writable by group or others"},
+        {dir_, 0757, dir_ + "/echo-link", dir_ + " is writable by group or others"},
+        {dir_, 0755, dir_ + "/a", dir_ + "/a: too many levels of symbolic links"},
     };
-    const std::vector<Case> cases = {
-        {[&] { chmod(echo.c_str(), 0775); }, [&] { chmod(echo.c_str(), 0755); }, echo,
-         echo + " is writable by group or others"},
-        {[&] { chmod(dir_.c_str(), 0757); }, [&] { chmod(dir_.c_str(), 0755); }, dir_ + "/echo-link",
-         dir_ + " is writable by group or others"},
-        {[] {}, [] {}, dir_ + "/a", dir_ + "/a: too many levels of symbolic links"},
-    };
-    for (const Case& c : cases) {
-        c.loosen();
+    for (const auto& c : cases) {
+        chmod(c.loosen.c_str(), c.mode);
         EXPECT_FALSE(exec_program_allowed(c.program, why)) << c.program;
         EXPECT_EQ(why, c.why);
-        c.tighten();
+        chmod(c.loosen.c_str(), 0755);
     }
     if (can_switch_user()) {
         ASSERT_EQ(chown(echo.c_str(), kSpareUid, kSpareGid), 0);
@@ -158,42 +146,27 @@ TEST_F(ScriptTree, RunsOnlyWhatNobodyElseCouldHavePlaced)
     EXPECT_TRUE(trusted_script(kScript, why)) << why;
     EXPECT_TRUE(trusted_script("//opt/./app/script//run.sh", why)) << why;
 
-    fs::create_directory_symlink("app", root_.file("opt/link"));
-    fs::create_directories(root_.file("opt/other/script"));
-    fs::create_symlink(root_.file(kScript.substr(1)), root_.file("opt/other/script/run.sh"));
+    // Links, "..", writable levels and other owners below the root are
+    // refused end to end by the install tests; these are the walk's edges.
     const std::string top = root_.path();
-    struct Case {
-        std::string path, loosen, why;
-    };
-    const std::vector<Case> cases = {
-        {kScript, "", ""},
-        {"/opt/link/script/run.sh", "", top + "/opt/link is a symbolic link"},
-        {"/opt/other/script/run.sh", "", top + "/opt/other/script/run.sh is a symbolic link"},
-        {"/opt/other/../app/script/run.sh", "", top + "/opt/other/.. climbs out with .."},
+    const struct {
+        std::string path, loosen, why;  // loosen: made writable by others for the case
+    } cases[] = {
         {"/opt/app/script/missing.sh", "", top + "/opt/app/script/missing.sh: No such file or directory"},
         {"/opt/app/script", "", top + "/opt/app/script is not a regular file"},
         {"/opt/app/script/run.sh/x", "", top + "/opt/app/script/run.sh is not a directory"},
         {"/", "", "no file named"},
-        {kScript, "opt/app/script/run.sh", top + kScript + " is writable by group or others"},
-        {kScript, "opt/app/script", top + "/opt/app/script is writable by group or others"},
-        {kScript, "opt", top + "/opt is writable by group or others"},
         {kScript, ".", top + " is writable by group or others"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         const std::string loosen = root_.file(c.loosen);
         if (!c.loosen.empty())
             chmod(loosen.c_str(), 0777);
         why.clear();
-        EXPECT_EQ(trusted_script(c.path, why), c.why.empty()) << c.path << " " << c.loosen;
+        EXPECT_FALSE(trusted_script(c.path, why)) << c.path << " " << c.loosen;
         EXPECT_EQ(why, c.why) << c.path << " " << c.loosen;
         if (!c.loosen.empty())
             chmod(loosen.c_str(), c.loosen == "." ? 0700 : 0755);
-    }
-
-    if (can_switch_user()) {
-        ASSERT_EQ(chown(root_.file("opt/app").c_str(), kSpareUid, kSpareGid), 0);
-        EXPECT_FALSE(trusted_script(kScript, why));
-        EXPECT_EQ(why, top + "/opt/app belongs to uid 65534");
     }
 }
 

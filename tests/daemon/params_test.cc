@@ -2,6 +2,7 @@
 // what a refusal logs, and that one error flag gathers a series of reads.
 #include "daemon/reply.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -9,9 +10,13 @@
 #include <string>
 
 #include "daemon/json.h"
+#include "support/death.h"
 #include "support/debug_log.h"
 
 namespace {
+
+using testing::ElementsAre;
+using testing::MatchesRegex;
 
 Json::Value parse(const std::string& text)
 {
@@ -20,49 +25,29 @@ Json::Value parse(const std::string& text)
     return root;
 }
 
-std::string type_fail_line(const std::string& key, const std::string& actual)
+// The one line a type mismatch logs, with the reader's name and line number.
+testing::Matcher<std::string> type_fail(const std::string& key, const std::string& actual)
 {
-    return key + " Type fail, this input value type is " + actual + ".";
+    return MatchesRegex(R"(\[parser_param_from_json_str\]\[[0-9]+\] )" +
+                        literal_regex(key + " Type fail, this input value type is " + actual + "."));
 }
-
-// The one "Type fail" message of a read, without its "[function][line] "
-// prefix, after checking that the prefix names the reader.
-std::string only_type_fail(const DebugLogCapture& log)
-{
-    std::vector<std::string> lines = log.messages();
-    if (lines.size() != 1)
-        return "expected one log line, got " + std::to_string(lines.size());
-    const std::string prefix = "[parser_param_from_json_str][";
-    const std::string& line = lines[0];
-    size_t close = line.find("] ");
-    if (line.compare(0, prefix.size(), prefix) != 0 || close == std::string::npos ||
-        line.find_first_not_of("0123456789", prefix.size()) != close)
-        return "bad prefix: " + line;
-    return line.substr(close + 2);
-}
-
-struct Accepted {
-    const char* request;
-    const char* type;
-    int64_t number;       // for int, long and bool
-    const char* text;     // for string
-};
 
 TEST(TypedReader, AcceptedValuesAreStoredAtTheirWidth)
 {
-    const Accepted cases[] = {
-        {R"({"k": "hello"})", "string", 0, "hello"},
+    const struct {
+        const char *request, *type;
+        int64_t number;    // for int, long and bool
+        const char* text;  // for string
+    } cases[] = {
         {R"({"k": ""})", "string", 0, ""},
-        {R"({"k": 7})", "int", 7, nullptr},
         {R"({"k": -2147483648})", "int", std::numeric_limits<int32_t>::min(), nullptr},
+        {R"({"k": 3.0})", "int", 3, nullptr},  // a whole real is an int to jsoncpp
         {R"({"k": 2147483648})", "long", 2147483648LL, nullptr},
         {R"({"k": -9223372036854775808})", "long", std::numeric_limits<int64_t>::min(), nullptr},
-        {R"({"k": 12})", "long", 12, nullptr},
-        {R"({"k": 3.0})", "int", 3, nullptr},  // a whole real is an int to jsoncpp
         {R"({"k": true})", "bool", 1, nullptr},
         {R"({"k": false})", "bool", 0, nullptr},
     };
-    for (const Accepted& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.type) + " " + c.request);
         DebugLogCapture log;
         bool error = false;
@@ -79,8 +64,8 @@ TEST(TypedReader, AcceptedValuesAreStoredAtTheirWidth)
         out.i64 = 0x5555555555555555LL;
         out.fence = 0xA5A5A5A5U;
         std::string text = "untouched";
-        void* target = type == "string" ? static_cast<void*>(&text) : static_cast<void*>(&out);
-        parser_param_from_json_str(parse(c.request), "k", target, c.type, &error);
+        parser_param_from_json_str(parse(c.request), "k", type == "string" ? static_cast<void*>(&text) : &out, c.type,
+                                   &error);
         EXPECT_FALSE(error);
         EXPECT_TRUE(log.messages().empty());
         EXPECT_EQ(out.fence, 0xA5A5A5A5U);
@@ -90,57 +75,49 @@ TEST(TypedReader, AcceptedValuesAreStoredAtTheirWidth)
             EXPECT_EQ(out.i64, c.number);
         } else {
             EXPECT_EQ(out.i32, c.number);
-            // The upper half of the 64-bit word stays as it was.
-            EXPECT_EQ(static_cast<uint64_t>(out.i64) >> 32, 0x55555555U);
+            EXPECT_EQ(static_cast<uint64_t>(out.i64) >> 32, 0x55555555U) << "the upper half stays";
         }
     }
 }
 
-struct Refused {
-    const char* request;
-    const char* type;
-    const char* logged;  // the actual type named in the log, or null for silence
-};
-
 TEST(TypedReader, RefusalsSetTheFlagLeaveTheOutputAndLogOnlyTypeMismatches)
 {
-    const Refused cases[] = {
-        {R"({"other": 1})", "int", nullptr},           // missing key
-        {R"({"k": null})", "string", nullptr},         // explicit null counts as missing
-        {R"({"k": 1})", "float", nullptr},             // unknown type word
-        {R"([1, 2])", "int", nullptr},                 // not an object: no members at all
-        {R"(42)", "string", nullptr},
-        {R"({"k": 2147483648})", "int", "long"},       // beyond 32 bits
-        {R"({"k": -2147483649})", "int", "long"},
-        {R"({"k": "true"})", "bool", "string"},        // only JSON booleans
+    const struct {
+        const char *request, *type;
+        const char* logged;  // the actual type named in the log, or null for silence
+    } cases[] = {
+        {R"({"other": 1})", "int", nullptr},    // missing key
+        {R"({"k": null})", "string", nullptr},  // explicit null counts as missing
+        {R"({"k": 1})", "float", nullptr},      // unknown type word
+        {R"([1, 2])", "int", nullptr},          // not an object: no members at all
+        {R"({"k": 2147483648})", "int", "long"},  // beyond 32 bits
+        {R"({"k": "true"})", "bool", "string"},   // only JSON booleans
         {R"({"k": 1})", "bool", "int"},
         {R"({"k": 5})", "string", "int"},
-        {R"({"k": 1.5})", "int", "double"},
         {R"({"k": 1.5})", "long", "double"},
         {R"({"k": true})", "int", "bool"},
         {R"({"k": [1]})", "string", "Others"},
-        {R"({"k": {"a": 1}})", "long", "Others"},
         {R"({"k": "7"})", "long", "string"},
         // Integral but beyond any signed 64-bit value: refused, not thrown.
         {R"({"k": 18446744073709551615})", "long", "long"},
         {R"({"k": 1e19})", "long", "long"},
     };
-    for (const Refused& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.type) + " " + c.request);
         DebugLogCapture log;
         bool error = false;
         int64_t number = 0x1234;
         std::string text = "untouched";
-        void* target = std::string(c.type) == "string" ? static_cast<void*>(&text) : static_cast<void*>(&number);
-        parser_param_from_json_str(parse(c.request), "k", target, c.type, &error);
+        parser_param_from_json_str(parse(c.request), "k",
+                                   std::string(c.type) == "string" ? static_cast<void*>(&text) : &number, c.type,
+                                   &error);
         EXPECT_TRUE(error);
         EXPECT_EQ(number, 0x1234);
         EXPECT_EQ(text, "untouched");
-        if (c.logged) {
-            EXPECT_EQ(only_type_fail(log), type_fail_line("k", c.logged));
-        } else {
-            EXPECT_TRUE(log.messages().empty());
-        }
+        if (c.logged)
+            EXPECT_THAT(log.messages(), ElementsAre(type_fail("k", c.logged)));
+        else
+            EXPECT_THAT(log.messages(), testing::IsEmpty());
     }
 }
 
@@ -163,8 +140,7 @@ TEST(TypedReader, OneFlagGathersASeriesAndIsNeverCleared)
     EXPECT_EQ(port, -1);
     EXPECT_EQ(id, 3);
     EXPECT_EQ(missing, -1);
-    ASSERT_EQ(log.messages().size(), 1u);
-    EXPECT_NE(log.messages()[0].find(type_fail_line("port", "string")), std::string::npos);
+    EXPECT_THAT(log.messages(), ElementsAre(type_fail("port", "string")));
 }
 
 }  // namespace

@@ -8,134 +8,101 @@
 #include <vector>
 
 #include "platform/paths.h"
-#include "platform/sim/simlib.h"
 #include "support/daemon_suite.h"
 #include "support/env.h"
-#include "support/sim_root.h"
-#include "support/tempdir.h"
 
 namespace {
-
-// Values with blanks and shell syntax: each must reach the tool as one
-// argument, unchanged.
-const char kTokenRequest[] =
-    R"({"client_id":"vexpro app; rm -rf /","client_secret":"$(id) `id` \"q\"","access_token":"nut_abc\n-o xml"})";
-const Argv kTokenArgv = {"nimbo_auth_tool", "signin", "-t", "exchange_token", "-a", "nut_abc\n-o xml", "-i",
-                         "vexpro app; rm -rf /", "-s", "$(id) `id` \"q\"", "-o", "json"};
 
 struct Query {
     const char* command;
     const char* request;
     const char* program;
     Argv argv;
+    const char* answer;  // how the unsteered tool's answer begins
 };
 
+// Values with blanks and shell syntax: each must reach the tool as one
+// argument, unchanged.
 const Query kQueries[] = {
     {"system_call_cloud_get_device_list", "{}", PATH_NIMBO_DEVICE_TOOL,
-     {"nimbo_device_tool", "get_device_list", "-d", "PALAVER_IOS"}},
-    {"system_call_cloud_get_user_token", "{}", PATH_NIMBO_CLI, {"nimbo_cli", "-t"}},
-    {"system_call_cloud_get_host_endpoint", "{}", PATH_GET_NIMBO_HOST, {"get_nimbo_host", "-n", "k5_api"}},
-    {"system_call_cloud_get_host_site", "{}", PATH_GET_NIMBO_HOST, {"get_nimbo_host", "-s"}},
-    {"system_call_cloud_get_access_token", kTokenRequest, PATH_NIMBO_AUTH_TOOL, kTokenArgv},
+     {"nimbo_device_tool", "get_device_list", "-d", "PALAVER_IOS"},
+     "{\"devices\":[{\"name\":\"VX-NAS\",\"model\":\"VX-8\",\"online\":true}]}\n"},
+    {"system_call_cloud_get_user_token", "{}", PATH_NIMBO_CLI, {"nimbo_cli", "-t"}, "nut_"},
+    {"system_call_cloud_get_host_endpoint", "{}", PATH_GET_NIMBO_HOST, {"get_nimbo_host", "-n", "k5_api"},
+     "https://k5-api.cloud.nimbo.example\n"},
+    {"system_call_cloud_get_host_site", "{}", PATH_GET_NIMBO_HOST, {"get_nimbo_host", "-s"}, "eu-central\n"},
+    {"system_call_cloud_get_access_token",
+     R"({"client_id":"vexpro app; rm -rf /","client_secret":"$(id) `id` \"q\"","access_token":"nut_abc\n-o xml"})",
+     PATH_NIMBO_AUTH_TOOL,
+     {"nimbo_auth_tool", "signin", "-t", "exchange_token", "-a", "nut_abc\n-o xml", "-i", "vexpro app; rm -rf /", "-s",
+      "$(id) `id` \"q\"", "-o", "json"},
+     "{\"access_token\":\"nat_"},
 };
+
+std::string fail(const Query& q)
+{
+    return failure(std::string("nox_") + q.command + "_handler");
+}
 
 // One daemon for the suite; the fixture sees that no capture file outlives its request.
 class CloudQueries : public DaemonPerSuite<CloudQueries> {};
 
+// The tools' unsteered answers show they accepted exactly these vectors.
 TEST_F(CloudQueries, EachQueryRunsItsToolOnceWithItsArguments)
 {
-    // The tools' own answers: each accepts only the argument vector it expects.
-    const std::string answers[] = {
-        "{\"devices\":[{\"name\":\"VX-NAS\",\"model\":\"VX-8\",\"online\":true}]}\n",
-        "nut_",
-        "https://k5-api.cloud.nimbo.example\n",
-        "eu-central\n",
-        "{\"access_token\":\"nat_",
-    };
-    for (size_t i = 0; i < std::size(kQueries); i++) {
-        const Query& q = kQueries[i];
+    for (const Query& q : kQueries) {
         SCOPED_TRACE(q.command);
         root_->clear_calls();
         Json::Value reply;
         ASSERT_TRUE(Json::Reader().parse(call(q.command, q.request), reply));
-        EXPECT_EQ(argvs(q.program), std::vector<Argv>{q.argv});
-        EXPECT_EQ(root_->calls().size(), 1u);
-        EXPECT_EQ(reply["result"], 0);
-        if (i == 0) {
-            EXPECT_EQ(reply["device_list"].asString(), answers[i]);
-        } else {
-            EXPECT_EQ(reply["cli_ret"], 0);
-            EXPECT_EQ(decode_base64(reply["result_out"].asString()).rfind(answers[i], 0), 0u) << reply;
-        }
+        EXPECT_EQ(root_->calls(), (std::vector<SimCall>{{q.program, q.argv, std::nullopt}}));
+        const std::string out = reply.isMember("device_list") ? reply["device_list"].asString()
+                                                               : decode_base64(reply["result_out"].asString());
+        EXPECT_EQ(out.rfind(q.answer, 0), 0u) << reply;
     }
 }
 
-TEST_F(CloudQueries, TheDeviceListGoesBackRawTheOthersInBase64)
+// The device list goes back raw (as JSON text, so only valid UTF-8), the
+// others in base64, byte for byte; an empty output is still a success.
+TEST_F(CloudQueries, OutputComesBackExactlyRawOrInBase64)
 {
-    // Quotes, backslashes, a tab, several lines and bytes beyond ASCII come
-    // back exactly as the tool printed them (the raw list as JSON text can
-    // carry only valid UTF-8; base64 carries anything).
     const std::string printed = "{\"a\":\"b\\\\c\"}\tline 1\nline 2\n\xc3\xa9";
-    for (const Query& q : kQueries)
-        root_->set_output(q.program, printed + "\xff");
-    root_->set_output(kQueries[0].program, printed);
-    EXPECT_EQ(call(kQueries[0].command, kQueries[0].request),
-              R"({"device_list":"{\"a\":\"b\\\\c\"}\tline 1\nline 2\n\u00e9","result":0})" "\n");
-    for (size_t i = 1; i < std::size(kQueries); i++)
-        EXPECT_EQ(call(kQueries[i].command, kQueries[i].request),
-                  R"({"cli_ret":0,"result":0,"result_out":")" + encode_base64(printed + "\xff") + "\"}\n")
-            << kQueries[i].command;
+    for (const std::string& extra : {std::string("\xff"), std::string()}) {
+        const std::string out = extra.empty() ? "" : printed + extra;
+        for (const Query& q : kQueries)
+            root_->set_output(q.program, out);
+        root_->set_output(kQueries[0].program, extra.empty() ? "" : printed);
+        EXPECT_EQ(call(kQueries[0].command, kQueries[0].request),
+                  extra.empty() ? "{\"device_list\":\"\",\"result\":0}\n"
+                                : R"({"device_list":"{\"a\":\"b\\\\c\"}\tline 1\nline 2\n\u00e9","result":0})"
+                                  "\n");
+        for (size_t i = 1; i < std::size(kQueries); i++)
+            EXPECT_EQ(call(kQueries[i].command, kQueries[i].request),
+                      R"({"cli_ret":0,"result":0,"result_out":")" + encode_base64(out) + "\"}\n")
+                << kQueries[i].command;
+    }
 }
 
-TEST_F(CloudQueries, AToolThatPrintsNothingIsStillASuccess)
+TEST_F(CloudQueries, FailingToolsAndBadRequestsGiveTheHandlersReplies)
 {
-    for (const Query& q : kQueries)
-        root_->set_output(q.program, "");
-    EXPECT_EQ(call(kQueries[0].command, kQueries[0].request), "{\"device_list\":\"\",\"result\":0}\n");
-    for (size_t i = 1; i < std::size(kQueries); i++)
-        EXPECT_EQ(call(kQueries[i].command, kQueries[i].request), "{\"cli_ret\":0,\"result\":0,\"result_out\":\"\"}\n")
-            << kQueries[i].command;
-}
-
-TEST_F(CloudQueries, AFailingToolGivesTheHandlersFailure)
-{
-    const char* failures[] = {
-        "nox_system_call_cloud_get_device_list_handler fail",  "nox_system_call_cloud_get_user_token_handler fail",
-        "nox_system_call_cloud_get_host_endpoint_handler fail", "nox_system_call_cloud_get_host_site_handler fail",
-        "nox_system_call_cloud_get_access_token_handler fail",
-    };
     for (const Query& q : kQueries) {
         root_->set_output(q.program, "half an answer\n");
         root_->set_exit(q.program, 1);
     }
-    for (size_t i = 0; i < std::size(kQueries); i++)
-        EXPECT_EQ(call(kQueries[i].command, kQueries[i].request),
-                  std::string("{\"error_msg\":\"") + failures[i] + "\",\"result\":-1}\n");
-
+    for (const Query& q : kQueries)
+        EXPECT_EQ(call(q.command, q.request), fail(q));
     // The real tool refuses an empty client secret with status 1.
     root_->remove(sim::STEER_DIR);
     EXPECT_EQ(call("system_call_cloud_get_access_token", R"({"client_id":"c","client_secret":"","access_token":"t"})"),
-              "{\"error_msg\":\"nox_system_call_cloud_get_access_token_handler fail\",\"result\":-1}\n");
-}
+              fail(kQueries[4]));
 
-TEST_F(CloudQueries, TheAccessTokenRequestIsCheckedBeforeAnythingRuns)
-{
-    struct Case {
-        const char* request;
-        const char* reply;
-    };
-    const char* paser_fail = "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n";
-    const Case cases[] = {
-        {R"({"client_id":"vexpro-app","access_token":"nut_abc"})", paser_fail},
-        {R"({"client_id":"vexpro-app","client_secret":null,"access_token":"nut_abc"})", paser_fail},
-        {R"({"client_id":7,"client_secret":"s3cr3t","access_token":"nut_abc"})", paser_fail},
-        {R"({"client_id":"vexpro-app","client_secret":"s3cr3t"})", paser_fail},
-        {"client_id=vexpro-app", paser_fail},
-        {R"(["vexpro-app","s3cr3t","nut_abc"])", paser_fail},
-        {"", "{\"error_code\":-1,\"error_msg\":\"input error\"}\n"},
-    };
-    for (const Case& c : cases)
-        EXPECT_EQ(call("system_call_cloud_get_access_token", c.request), c.reply) << c.request;
+    root_->clear_calls();
+    for (const char* bad : {R"({"client_id":"vexpro-app","access_token":"nut_abc"})",
+                            R"({"client_id":"vexpro-app","client_secret":null,"access_token":"nut_abc"})",
+                            R"({"client_id":7,"client_secret":"s3cr3t","access_token":"nut_abc"})",
+                            "client_id=vexpro-app", R"(["vexpro-app","s3cr3t","nut_abc"])"})
+        EXPECT_EQ(call("system_call_cloud_get_access_token", bad), kParseError) << bad;
+    EXPECT_EQ(call("system_call_cloud_get_access_token", ""), kInputError);
     EXPECT_EQ(root_->calls(), std::vector<SimCall>{});
 }
 
@@ -148,10 +115,8 @@ TEST(CloudQueriesWithoutTemporaryFiles, FailWithoutRunningAnything)
     DaemonProcess d(root);
     ScopedEnv tmpdir("TMPDIR", gone.file("missing").c_str());
     ASSERT_TRUE(d.start()) << d.stderr_text();
-    EXPECT_EQ(d.call("system_call_cloud_get_host_site", "{}"),
-              "{\"error_msg\":\"nox_system_call_cloud_get_host_site_handler fail\",\"result\":-1}\n");
-    EXPECT_EQ(d.call("system_call_cloud_get_device_list", "{}"),
-              "{\"error_msg\":\"nox_system_call_cloud_get_device_list_handler fail\",\"result\":-1}\n");
+    EXPECT_EQ(d.call(kQueries[3].command, "{}"), fail(kQueries[3]));
+    EXPECT_EQ(d.call(kQueries[0].command, "{}"), fail(kQueries[0]));
     EXPECT_EQ(root.calls(PATH_GET_NIMBO_HOST), std::vector<SimCall>{});
     EXPECT_NE(d.debug_log().find("] no temporary file for /usr/sbin/get_nimbo_host.\n"), std::string::npos)
         << d.debug_log();

@@ -11,7 +11,6 @@
 //   VEXPROD_SOAK_VALGRIND  when set, the daemon runs under valgrind's leak
 //                          check and must leave with status 0 (no definite
 //                          leak, no memory error); growth is not judged
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -32,14 +31,12 @@
 
 #include "dv.h"
 #include "support/daemon_process.h"
+#include "support/env.h"
 #include "support/files.h"
 #include "support/raw_client.h"
 #include "support/settle.h"
-#include "support/fds.h"
 #include "support/sim_root.h"
 #include "support/tempdir.h"
-
-extern char** environ;
 
 namespace {
 
@@ -94,29 +91,20 @@ const Kind kKinds[] = {
 };
 constexpr size_t kKindCount = std::size(kKinds);
 
-unsigned long env_number(const char* name, unsigned long fallback)
-{
-    const char* text = getenv(name);
-    return text && *text ? strtoul(text, nullptr, 10) : fallback;
-}
-
 // A field of /proc/<pid>/status ("VmRSS", "Threads"), as a number.
 long status_field(pid_t pid, const char* field)
 {
     const std::string status = read_text_file("/proc/" + std::to_string(pid) + "/status");
-    const std::string key = std::string("\n") + field + ":";
-    size_t at = status.find(key);
-    return at == std::string::npos ? -1 : atol(status.c_str() + at + key.size());
+    const size_t at = status.find(std::string("\n") + field + ":");
+    return at == std::string::npos ? -1 : atol(status.c_str() + at + strlen(field) + 2);
 }
 
-// The daemon as the soak runs it: directly, or under valgrind.
+// The daemon as the soak runs it: directly, or under valgrind. A
+// DaemonProcess that is never started lends it its program link, socket
+// names and calls.
 class SoakDaemon {
 public:
-    SoakDaemon(SimRoot& root, bool valgrind)
-        : root_(root), names_(root), command_socket_(names_.command_socket()), mail_socket_(names_.mail_socket()),
-          valgrind_(valgrind)
-    {
-    }
+    SoakDaemon(SimRoot& root, bool valgrind) : root_(root), names_(root), valgrind_(valgrind) {}
     ~SoakDaemon()
     {
         if (pid_ > 0)
@@ -125,36 +113,31 @@ public:
 
     bool start()
     {
-        std::vector<std::string> env;
-        for (char** e = environ; *e; e++)
-            if (strncmp(*e, "DV_SOCKET_DIR=", 14) && strncmp(*e, "VEXPROD_PLATFORM_ROOT=", 22))
-                env.push_back(*e);
-        env.push_back("DV_SOCKET_DIR=" + names_.socket_dir());
-        env.push_back("VEXPROD_PLATFORM_ROOT=" + root_.path());
+        ScopedEnv sockets("DV_SOCKET_DIR", names_.socket_dir().c_str());
+        ScopedEnv platform("VEXPROD_PLATFORM_ROOT", root_.path().c_str());
         std::vector<std::string> args;
         if (valgrind_)
             args = {"valgrind", "--leak-check=full", "--show-leak-kinds=definite,indirect",
-                    "--errors-for-leak-kinds=definite",
-                    "--error-exitcode=" + std::to_string(kValgrindFailure), "--log-file=" + valgrind_log()};
+                    "--errors-for-leak-kinds=definite", "--error-exitcode=" + std::to_string(kValgrindFailure),
+                    "--log-file=" + valgrind_log()};
         args.push_back(names_.program_path());
+        std::vector<char*> argv;
+        for (std::string& a : args)
+            argv.push_back(a.data());
+        argv.push_back(nullptr);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
         posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
         posix_spawn_file_actions_addopen(&actions, 2, scratch_.file("stderr").c_str(), O_WRONLY | O_CREAT, 0644);
-        std::vector<char*> argv, envp;
-        for (std::string& a : args)
-            argv.push_back(a.data());
-        argv.push_back(nullptr);
-        for (std::string& e : env)
-            envp.push_back(e.data());
-        envp.push_back(nullptr);
-        int rc = posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
+        int rc = posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
         posix_spawn_file_actions_destroy(&actions);
-        if (rc != 0)
+        if (rc != 0) {
+            pid_ = -1;
             return false;
-        auto deadline = std::chrono::steady_clock::now() + (valgrind_ ? 120s : 10s);
-        while (std::chrono::steady_clock::now() < deadline) {
+        }
+        for (auto deadline = std::chrono::steady_clock::now() + (valgrind_ ? 120s : 10s);
+             std::chrono::steady_clock::now() < deadline; std::this_thread::sleep_for(20ms)) {
             int a = -1, b = -1;
             names_.call("test", "{}", &a, -1, 5);
             names_.call_mail("test", "{}", &b);
@@ -164,16 +147,15 @@ public:
                 pid_ = -1;
                 return false;
             }
-            std::this_thread::sleep_for(20ms);
         }
-        return false;
+        return false;  // the destructor stops it
     }
 
     // SIGTERM and the exit status (128 + signal when killed, -1 on timeout).
     int stop()
     {
         kill(pid_, SIGTERM);
-        auto deadline = std::chrono::steady_clock::now() + (valgrind_ ? 300s : 10s);
+        const auto deadline = std::chrono::steady_clock::now() + (valgrind_ ? 300s : 10s);
         int status = 0;
         while (waitpid(pid_, &status, WNOHANG) != pid_) {
             if (std::chrono::steady_clock::now() >= deadline) {
@@ -189,17 +171,14 @@ public:
     }
 
     pid_t pid() const { return pid_; }
-    // Looked up once: working them out changes the environment, which the
-    // callers' threads must not see happen.
-    const std::string& command_socket() const { return command_socket_; }
-    const std::string& mail_socket() const { return mail_socket_; }
+    const std::string& command_socket() const { return names_.command_socket(); }
+    const std::string& mail_socket() const { return names_.mail_socket(); }
     std::string stderr_text() const { return read_text_file(scratch_.file("stderr")); }
     std::string valgrind_log() const { return scratch_.file("valgrind.log"); }
 
 private:
     SimRoot& root_;
-    DaemonProcess names_;  // its program link, socket directory and calls; never started
-    std::string command_socket_, mail_socket_;
+    DaemonProcess names_;
     TempDir scratch_;
     bool valgrind_;
     pid_t pid_ = -1;
@@ -207,12 +186,12 @@ private:
 
 struct Tally {
     std::atomic<unsigned long> sent[kKindCount] = {};
-    std::atomic<unsigned long> exact{0};     // answered, exactly as expected
-    std::atomic<unsigned long> closed{0};    // unknown commands, closed unanswered as they should be
-    std::atomic<unsigned long> lost{0};      // expected an answer (or the close), got something else
-    std::atomic<unsigned long> refused{0};   // a hang-up caller was not even connected or accepted
+    std::atomic<unsigned long> exact{0};    // answered, exactly as expected
+    std::atomic<unsigned long> closed{0};   // unknown commands, closed unanswered as they should be
+    std::atomic<unsigned long> lost{0};     // expected an answer (or the close), got something else
+    std::atomic<unsigned long> refused{0};  // a hang-up caller was not even connected or accepted
     std::mutex mutex;
-    std::vector<std::string> examples;       // the first few violations
+    std::vector<std::string> examples;  // the first few violations
 
     void violation(const std::string& what)
     {
@@ -232,14 +211,9 @@ bool hang_up_at(const std::string& sockfile, int step)
         return true;
     if (c.next_type(10000) != DV_DIRECTIVE_ACCEPT)
         return false;
-    if (step == 2) {
-        const std::string half(100, '\x08');
-        return c.send_bytes(half.data(), half.size());
-    }
-    if (step == 1)
-        return true;
-    const uint8_t flags = step == 4 ? DV_DIRECTIVE_FLAG_EXTRA_FD : 0;
-    if (!c.send_directive(DV_DIRECTIVE_REQUEST, flags, "get_vpd_productnamed"))
+    if (step <= 2)
+        return step == 1 || c.send_bytes(std::string(100, '\x08').data(), 100);
+    if (!c.send_directive(DV_DIRECTIVE_REQUEST, step == 4 ? DV_DIRECTIVE_FLAG_EXTRA_FD : 0, "get_vpd_productnamed"))
         return false;
     if (step == 3)
         return true;
@@ -258,16 +232,11 @@ void one_request(const SoakDaemon& daemon, const Kind& kind, Tally& tally)
         }
         return;
     }
-    const std::string name = "@" + (kind.via == Via::Mail ? daemon.mail_socket() : daemon.command_socket());
-    void* recv = nullptr;
-    size_t size = 0;
-    int status = dv_ez_call(name.c_str(), kind.command, kind.request, strlen(kind.request), &recv, &size, 10, -1);
-    std::string reply = recv ? std::string(static_cast<char*>(recv), size) : "";
-    free(recv);
+    int status = -1;
+    const std::string reply = call_socket(kind.via == Via::Mail ? daemon.mail_socket() : daemon.command_socket(),
+                                          kind.command, kind.request, &status);
     const bool unknown = kind.reply[0] == '\0';
-    const bool good =
-        unknown ? status == DV_STATUS_SOCKET && reply.empty() : status == DV_STATUS_OK && reply == kind.reply;
-    if (good) {
+    if (unknown ? status == DV_STATUS_SOCKET && reply.empty() : status == DV_STATUS_OK && reply == kind.reply) {
         (unknown ? tally.closed : tally.exact)++;
     } else {
         tally.lost++;
@@ -283,7 +252,7 @@ void run_mix(const SoakDaemon& daemon, unsigned long count, Tally& tally)
     for (const Kind& k : kKinds)
         total_weight += k.weight;
     std::atomic<unsigned long> next{0};
-    std::vector<std::thread> callers;
+    std::vector<std::jthread> callers;
     for (int i = 0; i < kCallers; i++)
         callers.emplace_back([&, i] {
             uint64_t state = 0x9E3779B97F4A7C15ULL * (i + 1);
@@ -297,13 +266,12 @@ void run_mix(const SoakDaemon& daemon, unsigned long count, Tally& tally)
                 one_request(daemon, kKinds[k], tally);
             }
         });
-    for (std::thread& t : callers)
-        t.join();
 }
 
 TEST(Soak, MixedRequestsAreAllAnsweredExactlyAndLeaveNothingBehind)
 {
-    const unsigned long requests = env_number("VEXPROD_SOAK_REQUESTS", 2000);
+    const char* wanted = getenv("VEXPROD_SOAK_REQUESTS");
+    const unsigned long requests = wanted && *wanted ? strtoul(wanted, nullptr, 10) : 2000;
     const bool valgrind = getenv("VEXPROD_SOAK_VALGRIND") && *getenv("VEXPROD_SOAK_VALGRIND");
     // Enough to bring every cache and allocator arena of the daemon to its
     // working size before the baseline is taken.

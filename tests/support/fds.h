@@ -18,5 +18,5 @@ std::vector<int> inheritable_fds();
 int count_open_fds_of(pid_t pid);
 
 // One line per open descriptor of this process, "  fd -> target", for
-// messages that must show what leaked.
+// messages that name what leaked.
 std::string describe_open_fds();

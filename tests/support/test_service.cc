@@ -1,9 +1,6 @@
 #include "support/test_service.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
-
-#include <chrono>
 
 TestService::TestService(dv_exec_fn exec, u_int32_t mode, size_t workers)
 {
@@ -14,9 +11,8 @@ TestService::TestService(dv_exec_fn exec, u_int32_t mode, size_t workers)
         return;
     }
     runner_ = std::thread([h = handle_] { dv_start(h); });
-    struct stat st;
-    while (stat(sockfile_.c_str(), &st) != 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    // The socket file exists from bind on, a moment before it listens.
+    dv_wait_started(handle_, 10000);
 }
 
 TestService::~TestService()

@@ -1,13 +1,11 @@
 // dv-call as a person uses it: exit statuses, usage, stdin, --stdout.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <string>
 
 #include "dv.h"
 #include "support/config.h"
-#include "support/files.h"
 #include "support/process.h"
 #include "support/tempdir.h"
 #include "support/test_service.h"
@@ -51,19 +49,14 @@ TEST(DvCall, PrintsTheReplyAndExitsWithTheClientStatus)
 TEST(DvCall, BadUsageIsOneLineAndStatusSeven)
 {
     const std::vector<std::vector<std::string>> bad = {
-        {},
-        {"only-service"},
-        {"--timeout"},
-        {"--timeout", "soon", "svc", "cmd"},
-        {"--timeout", "-1", "svc", "cmd"},
-        {"--bogus", "svc", "cmd"},
-        {"svc", "cmd", "{}", "extra"},
+        {}, {"only-service"}, {"--timeout"}, {"--timeout", "soon", "svc", "cmd"}, {"--timeout", "-1", "svc", "cmd"},
+        {"--bogus", "svc", "cmd"}, {"svc", "cmd", "{}", "extra"},
     };
     for (const auto& args : bad) {
+        SCOPED_TRACE(testing::PrintToString(args));
         std::vector<std::string> argv = {dv_call_path()};
         argv.insert(argv.end(), args.begin(), args.end());
         ProcessResult r = run_process(argv);
-        SCOPED_TRACE(testing::PrintToString(args));
         EXPECT_EQ(r.status, DV_STATUS_ARGUMENTS);
         EXPECT_EQ(r.out, "");
         EXPECT_NE(r.err.find("usage: dv-call [--timeout S] [--stdout] SERVICE COMMAND [JSON]"), std::string::npos);
