@@ -53,7 +53,8 @@ bool is_own_file(const struct stat& st, std::string& why)
 
 }  // namespace
 
-int open_trusted_dir(const std::string& path, bool create, mode_t mode, bool private_dir, std::string& why)
+int open_trusted_dir(const std::string& path, bool create, mode_t mode, bool private_dir, std::string& why,
+                     std::optional<uid_t> also_owner)
 {
     if (create && mkdir(path.c_str(), mode) != 0 && errno != EEXIST) {
         why = errno_text("cannot create it", errno);
@@ -74,7 +75,7 @@ int open_trusted_dir(const std::string& path, bool create, mode_t mode, bool pri
         why = errno_text("cannot stat it", errno);
         return -1;
     }
-    if (!owned_by_us(st)) {
+    if (!owned_by_us(st) && st.st_uid != also_owner) {
         why = "belongs to uid " + std::to_string(st.st_uid);
         errno = EPERM;
         return -1;

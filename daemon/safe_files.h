@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 
 // Owns one descriptor and closes it when it goes out of scope.
@@ -36,11 +37,12 @@ private:
 bool owned_by_us(const struct stat& st);
 
 // Opens the directory path, never through a symbolic link, and keeps it only
-// when it is a directory that we own. create: make it (mode, umask applies)
-// when missing. private_dir: nobody but us may write into it; one of ours
-// that others could write into is closed to them first. -1 with why (and
-// errno) otherwise.
-int open_trusted_dir(const std::string& path, bool create, mode_t mode, bool private_dir, std::string& why);
+// when it is a directory that we own, or that also_owner owns when given.
+// create: make it (mode, umask applies) when missing. private_dir: nobody
+// but us may write into it; one of ours that others could write into is
+// closed to them first. -1 with why (and errno) otherwise.
+int open_trusted_dir(const std::string& path, bool create, mode_t mode, bool private_dir, std::string& why,
+                     std::optional<uid_t> also_owner = std::nullopt);
 
 // Entry name of dir is absent, or a regular file of ours with a single
 // name. Anything else (a link, a directory, someone else's file, a second

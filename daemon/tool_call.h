@@ -32,8 +32,11 @@ bool parse_request_object(dv_io* io, Json::Value& root, Json::Value& reply, cons
 // its decimal text). What those would refuse with an exception (text where
 // a number belongs, an object where text belongs, a number beyond 32 bits)
 // reads as the default instead and makes ok() false; error() then names the
-// first such member. A value that is neither an object nor null has no
-// members and is an error itself.
+// first such member. A list that is present but not an array is such an
+// error too: walking it would quietly see no entries, and a caller who sent
+// one rule as a bare object or text would get "done" with nothing done. A
+// value that is neither an object nor null has no members and is an error
+// itself.
 class JsonFields {
 public:
     // object must outlive the reader; where names it in error().

@@ -3,9 +3,10 @@
 // through the system's sendmail.
 //
 // The mail's files live under /tmp, where everybody may create entries: the
-// spool directory is the app's drop box (anyone can write into it) and the
-// log directory is ours. Nothing there is used through a link or a file that
-// someone else planted. What stays open to a race is noted where it happens.
+// spool directory is the app's drop box (root's, which anyone may write into,
+// or the calling app's own) and the log directory is ours. Nothing there is
+// used through a link or a file that someone else planted. What stays open to
+// a race is noted where it happens.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -73,6 +74,7 @@ struct MailJob {
     std::string conf_path, content_path;  // as sendmail sees them
     std::string conf_name, content_name;  // the same files as entries of the spool
     bool authenticated = false;
+    uid_t caller = 0;
 
     ScopedFd spool, log_dir;  // the two directories, checked
     ScopedFd conf, content;   // the spool files; closed when missing
@@ -112,7 +114,10 @@ bool open_spool_file(const MailJob& job, const std::string& name, const std::str
 bool open_mail_files(MailJob& job)
 {
     std::string why;
-    job.spool.reset(open_trusted_dir(platform_path(PATH_SENDMAIL_SPOOL_DIR), false, 0, false, why));
+    // The app may have made the spool itself; a directory of any other user
+    // (squatted in /tmp before the app made its own) is theirs to swap
+    // entries in, and is refused.
+    job.spool.reset(open_trusted_dir(platform_path(PATH_SENDMAIL_SPOOL_DIR), false, 0, false, why, job.caller));
     if (!job.spool.ok())
         return refuse(PATH_SENDMAIL_SPOOL_DIR, why);
     if (!open_spool_file(job, job.conf_name, job.conf_path, job.conf) ||
@@ -125,11 +130,16 @@ bool open_mail_files(MailJob& job)
     job.log_dir.reset(open_trusted_dir(platform_path(PATH_SENDMAIL_LOG_DIR), true, 0755, true, why));
     if (!job.log_dir.ok())
         return refuse(PATH_SENDMAIL_LOG_DIR, why);
-    for (const char* path : {PATH_SENDMAIL_LOG, PATH_SENDMAIL_CONF_COPY, PATH_SENDMAIL_CONTENT_COPY, PATH_SENDMAIL_DBG})
+    // The two copies of the last mail are only ever replaced by rename, which
+    // acts on the entry, never on what it leads to; they are the app's files
+    // (it wrote them into the spool), so they are not ours to expect.
+    for (const char* path : {PATH_SENDMAIL_LOG, PATH_SENDMAIL_DBG})
         if (!entry_absent_or_own(job.log_dir.get(), base_name(path), why))
             return refuse(path, why);
 
     if (job.input().ok()) {
+        // Made here, not by the runner (which would make it 0774): in /tmp
+        // nobody but us should be able to write into root's mail log.
         job.log.reset(open_own_file(job.log_dir.get(), base_name(PATH_SENDMAIL_LOG), O_WRONLY | O_CREAT, 0644, why));
         if (!job.log.ok())
             return refuse(PATH_SENDMAIL_LOG, why);
@@ -243,6 +253,7 @@ void nox_sendmail_handler(dv_io* io, int)
     if (fetch_request_args(io, reply, {{"user", &user}, {"pwd", &pwd}, {"config_file", &config_file},
                                        {"content_file", &content_file}})) {
         MailJob job(user, pwd, config_file, content_file);
+        job.caller = static_cast<uid_t>(dv_io_uid(io));
         DBG("exec sendmail start.");
         if (!is_file_name(config_file) || !is_file_name(content_file)) {
             DBG("config_file [%s] or content_file [%s] is not a file name; mail refused.", config_file.c_str(),

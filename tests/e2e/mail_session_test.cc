@@ -20,6 +20,7 @@
 #include "platform/paths.h"
 #include "support/daemon_suite.h"
 #include "support/files.h"
+#include "support/other_user.h"
 #include "support/settle.h"
 
 namespace {
@@ -291,8 +292,10 @@ TEST_F(MailSession, MailIsRefusedForPathsAndPlantedFilesWithNothingTouched)
     // yet must not create its target.
     using Maker = int (*)(const char*, const char*);
     const std::tuple<std::string, Maker, std::string> entries[] = {
-        {"sendmail.log", symlink, victim},     {"sendmail.dbg", symlink, victim}, {"sendmail.conf", symlink, victim},
-        {"sendmail.content", symlink, victim}, {"sendmail.dbg", link, victim},    {"sendmail.log", symlink, tmp + "/n"},
+        {"sendmail.log", symlink, victim},
+        {"sendmail.dbg", symlink, victim},
+        {"sendmail.dbg", link, victim},
+        {"sendmail.log", symlink, tmp + "/n"},
     };
     for (const auto& [entry, make, target] : entries)
         cases.push_back({entry + " to " + target + (make == link ? " (second name)" : ""),
@@ -324,6 +327,49 @@ TEST_F(MailSession, MailIsRefusedForPathsAndPlantedFilesWithNothingTouched)
     }
     // Every refusal path closed what it had opened.
     EXPECT_EQ(settled_fd_count(daemon_.pid()), fds);
+}
+
+// On the appliance the app, not root, writes the spool, and may have made the
+// spool directory itself; the copies of its last mail are then the app's
+// files in our log directory, and links there are replaced, not followed.
+TEST_F(MailSession, TheAppsOwnSpoolServesMailAfterMail)
+{
+    if (!can_switch_user())
+        GTEST_SKIP() << "needs root to hand the spool to another user; this test runs as uid " << geteuid();
+    ASSERT_TRUE(allow_search(daemon_.socket_dir()));
+    const std::string spool_dir = root_.abs("/tmp/vexpro_sendmail");
+    const std::string log_dir = root_.abs("/tmp/.vexpro_log");
+    root_.write_file("/tmp/victim", "precious\n");
+    fs::create_directory(log_dir);
+    ASSERT_EQ(symlink(root_.abs("/tmp/victim").c_str(), (log_dir + "/sendmail.content").c_str()), 0);
+    auto spool_as = [&](uid_t owner, const std::string& text) {
+        spool();
+        root_.write_file("/tmp/vexpro_sendmail/mail.txt", text);
+        for (const char* p : {"", "/mail.conf", "/mail.txt"})
+            ASSERT_EQ(chown((spool_dir + p).c_str(), owner, owner), 0) << p;
+        ASSERT_EQ(chmod(spool_dir.c_str(), 0755), 0);
+    };
+    auto mail_as_app = [&] {
+        auto reply = run_as(kSpareUid, kSpareGid, [&] { return daemon_.call_mail("sendmail", mail_request("", "")); });
+        return reply.value_or("<the spare user's client failed>");
+    };
+    for (const char* text : {"first\n", "second\n"}) {
+        SCOPED_TRACE(text);
+        spool_as(kSpareUid, text);
+        root_.clear_calls();
+        EXPECT_EQ(mail_as_app(), "{\"result\":0}\n");
+        ASSERT_EQ(root_.calls().size(), 1u);
+        EXPECT_EQ(root_.calls()[0].input, text);
+        EXPECT_EQ(root_.read_file("/tmp/.vexpro_log/sendmail.content"), text);
+        EXPECT_TRUE(fs::is_empty(spool_dir));
+    }
+    EXPECT_EQ(root_.read_file("/tmp/victim"), "precious\n");
+
+    // A spool directory of somebody else is theirs to swap entries in.
+    spool_as(kSpareUid - 1, "third\n");
+    root_.clear_calls();
+    EXPECT_EQ(mail_as_app(), kRefused);
+    EXPECT_TRUE(root_.calls().empty());
 }
 
 // The spool is everybody's: an entry swapped while sendmail runs is not what
