@@ -105,6 +105,8 @@ void adopt_environment(pid_t pid)
 {
     char path[64];
     snprintf(path, sizeof(path), "/proc/%d/environ", static_cast<int>(pid));
+    // Read-only as always ("o" in "ro" means nothing to the C library);
+    // "e" keeps the stream out of the handler's children meanwhile.
     FILE* f = fopen(path, "re");
     if (!f)
         return;
