@@ -6,6 +6,7 @@
 // the parent, so the child runs no code of ours between clone and exec and
 // can never stumble on a lock another thread held at that moment.
 #include "daemon/runner.h"
+#include "daemon/scoped_fd.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -41,35 +42,6 @@ struct pid_list {
 // pipes because every one of them is close-on-exec.
 pid_list* pidlist = nullptr;
 std::mutex pidlist_mutex;
-
-class unique_fd {
-public:
-    explicit unique_fd(int fd = -1) : fd_(fd) {}
-    unique_fd(const unique_fd&) = delete;
-    unique_fd& operator=(const unique_fd&) = delete;
-    ~unique_fd() { reset(); }
-
-    int get() const { return fd_; }
-    bool ok() const { return fd_ >= 0; }
-    int release()
-    {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-    void reset(int fd = -1)
-    {
-        if (fd_ >= 0) {
-            int saved = errno;
-            close(fd_);
-            errno = saved;
-        }
-        fd_ = fd;
-    }
-
-private:
-    int fd_;
-};
 
 const char* or_null(const char* s)
 {
@@ -241,14 +213,14 @@ int run_and_wait(bool trace_stdin, const char* stdin_file, const char* stdout_fi
         return -1;
     };
 
-    unique_fd out(open_output(stdout_file));
+    ScopedFd out(open_output(stdout_file));
     if (!out.ok()) {
         if (trace)
             fprintf(trace, "open %s failed: %d\n", stdout_file ? stdout_file : "/dev/null", out.get());
         return fail(stdout_file, nullptr);
     }
 
-    unique_fd err;
+    ScopedFd err;
     if (same_file_name(stdout_file, stderr_file)) {
         err.reset(fcntl(out.get(), F_DUPFD_CLOEXEC, 3));
         if (trace && err.ok())
@@ -262,7 +234,7 @@ int run_and_wait(bool trace_stdin, const char* stdin_file, const char* stdout_fi
         return fail(stdout_file, stderr_file);
     }
 
-    unique_fd in;
+    ScopedFd in;
     if (stdin_file) {
         in.reset(open_high(stdin_file, O_RDONLY));
         if (!in.ok()) {
@@ -363,15 +335,15 @@ FILE* dwe_vexprod_tarsk_popen_v_v2(const char* stdin_file, const char* stdout_fi
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
         return fail();
-    unique_fd read_end(ends[0]), write_end(ends[1]);
+    ScopedFd read_end(ends[0]), write_end(ends[1]);
     read_end.reset(move_high(read_end.release()));
     write_end.reset(move_high(write_end.release()));
     if (!read_end.ok() || !write_end.ok())
         return fail();
-    unique_fd& parent_end = reading ? read_end : write_end;
-    unique_fd& child_end = reading ? write_end : read_end;
+    ScopedFd& parent_end = reading ? read_end : write_end;
+    ScopedFd& child_end = reading ? write_end : read_end;
 
-    unique_fd in, out, err;
+    ScopedFd in, out, err;
     if (reading) {
         if (stdin_file) {
             in.reset(open_high(stdin_file, O_RDONLY));

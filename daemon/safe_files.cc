@@ -11,16 +11,6 @@
 
 #include "daemon/log.h"
 
-void ScopedFd::reset(int fd)
-{
-    if (fd_ >= 0) {
-        int saved = errno;
-        close(fd_);
-        errno = saved;
-    }
-    fd_ = fd;
-}
-
 bool owned_by_us(const struct stat& st)
 {
     return st.st_uid == 0 || st.st_uid == geteuid();

@@ -9,28 +9,7 @@
 #include <optional>
 #include <string>
 
-// Owns one descriptor and closes it when it goes out of scope.
-class ScopedFd {
-public:
-    explicit ScopedFd(int fd = -1) : fd_(fd) {}
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-    ~ScopedFd() { reset(); }
-
-    int get() const { return fd_; }
-    bool ok() const { return fd_ >= 0; }
-    // Hands the descriptor over to the caller.
-    int release()
-    {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-    void reset(int fd = -1);
-
-private:
-    int fd_;
-};
+#include "daemon/scoped_fd.h"
 
 // Belongs to root or to the user the daemon runs as (the same on the
 // appliance; an unprivileged test daemon owns what it made itself).
