@@ -178,6 +178,15 @@ DV_API void dv_worker_fini(dv_handle* service_handle, dv_hook_fn fn, void* arg)
     service_handle->worker_fini_arg = arg;
 }
 
+DV_API void dv_set_admit(dv_handle* service_handle, dv_admit_fn fn, void* arg)
+{
+    check_handle(service_handle, "dv_set_admit", "start");
+    // The producer may be reading these already: both go in atomically,
+    // the argument first, so that a function never sees another's argument.
+    __atomic_store_n(&service_handle->admit_arg, arg, __ATOMIC_RELEASE);
+    __atomic_store_n(&service_handle->admit, fn, __ATOMIC_RELEASE);
+}
+
 DV_API void dv_start(dv_handle* service_handle)
 {
     signal(SIGPIPE, SIG_IGN);

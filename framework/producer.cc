@@ -159,12 +159,31 @@ void dispatch(dv_worker* producer, graveyard& dead)
     }
 }
 
+// The service's admission check, with the peer's credentials. A peer whose
+// credentials cannot be read is not admitted where a check is set.
+bool admitted(dv_handle* h, int fd)
+{
+    dv_admit_fn admit = __atomic_load_n(&h->admit, __ATOMIC_ACQUIRE);
+    if (!admit)
+        return true;
+    void* arg = __atomic_load_n(&h->admit_arg, __ATOMIC_ACQUIRE);
+    struct ucred cred;
+    socklen_t len = sizeof(cred);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0)
+        return false;
+    return admit(h->name, cred.pid, cred.uid, cred.gid, arg) != 0;
+}
+
 void accept_client(dv_worker* producer, graveyard& dead)
 {
     dv_handle* h = producer->handle;
     int fd = accept4(producer->queue.sockfd, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0)
         return;
+    if (!admitted(h, fd)) {
+        refuse(fd, DV_DIRECTIVE_REJECT);
+        return;
+    }
     bool paused = __atomic_load_n(&h->paused, __ATOMIC_RELAXED);
     if (producer->waiting > DV_MAX_WAITING_CLIENTS - 1 || paused) {
         refuse(fd, paused ? DV_DIRECTIVE_PAUSED : DV_DIRECTIVE_BUSY);

@@ -54,7 +54,7 @@ enum dv_directive_type {
     DV_DIRECTIVE_BUSY = 2,     /* producer -> client: 1000 clients already wait */
     DV_DIRECTIVE_STOP = 3,     /* dv_stop -> consumer: end the worker */
     DV_DIRECTIVE_PAUSED = 4,   /* producer -> client: service paused */
-    DV_DIRECTIVE_REJECT = 5,   /* never sent; clients report status 4 */
+    DV_DIRECTIVE_REJECT = 5,   /* producer -> client: the admission check refused it */
     DV_DIRECTIVE_TRANSFER = 6, /* producer -> consumer (i32 fd), echoed back */
     DV_DIRECTIVE_ACCEPT = 7,   /* consumer -> client: send the request now */
     DV_DIRECTIVE_REQUEST = 8,  /* client -> consumer: name in data; memfd follows */
@@ -120,6 +120,14 @@ DV_API void dv_io_sync(dv_io* io);
 
 typedef void (*dv_exec_fn)(const char* name, dv_io* io, int fd);
 typedef void (*dv_hook_fn)(void* arg);
+/*
+ * Admission of a connecting client, asked by the producer with the peer's
+ * credentials (SO_PEERCRED) before the client waits or takes a worker.
+ * Non-zero admits; zero answers the reject directive (the client reports
+ * DV_STATUS_REJECTED) and closes the connection. Runs on the producer's
+ * thread, once per connection: it must be quick and must not block.
+ */
+typedef int (*dv_admit_fn)(const char* service, int pid, u_int32_t uid, u_int32_t gid, void* arg);
 
 typedef struct dv_worker dv_worker; /* private to the framework */
 
@@ -142,11 +150,16 @@ typedef struct dv_handle {
     pthread_mutex_t run_lock;
     pthread_cond_t run_cond;
     u_int32_t run_state;
+    /* Private: set by dv_set_admit. */
+    dv_admit_fn admit;
+    void* admit_arg;
 } dv_handle;
 
 DV_API dv_handle* dv_create(const char* name, u_int32_t mode, size_t workers, dv_exec_fn exec);
 DV_API void dv_worker_init(dv_handle* service_handle, dv_hook_fn fn, void* arg);
 DV_API void dv_worker_fini(dv_handle* service_handle, dv_hook_fn fn, void* arg);
+/* Sets (or, with a null fn, clears) the admission check, at any time. */
+DV_API void dv_set_admit(dv_handle* service_handle, dv_admit_fn fn, void* arg);
 DV_API void dv_start(dv_handle* service_handle);
 DV_API void dv_stop(dv_handle* service_handle);
 DV_API void dv_pause(dv_handle* service_handle);

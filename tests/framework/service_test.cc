@@ -174,7 +174,7 @@ struct BlockedService {
 
 // With the only consumer busy: clients wait and are served in arrival order,
 // the 1001st waiting client is turned away, a paused service refuses all.
-TEST(Service, WaitingClientsAreQueuedInOrderBoundedAndRefusedWhilePaused)
+TEST(Service, WaitingClientsAreQueuedInOrderBoundedAndRefusedWhilePausedOrNotAdmitted)
 {
     struct rlimit rl;
     getrlimit(RLIMIT_NOFILE, &rl);
@@ -214,6 +214,17 @@ TEST(Service, WaitingClientsAreQueuedInOrderBoundedAndRefusedWhilePaused)
     EXPECT_EQ(call_status(name, "x"), DV_STATUS_PAUSED);
     dv_resume(b.svc.handle());
 
+    // A refused peer is answered at once, whatever waits before it.
+    dv_set_admit(b.svc.handle(), [](const char*, int pid, u_int32_t uid, u_int32_t, void*) {
+        return static_cast<int>(pid != getpid() || uid != getuid());
+    }, nullptr);
+    RawClient refused;
+    ASSERT_TRUE(refused.connect_to(sockfile));
+    EXPECT_EQ(refused.next_type(), DV_DIRECTIVE_REJECT);
+    EXPECT_TRUE(refused.closed_by_peer());
+    EXPECT_EQ(call_status(name, "x"), DV_STATUS_REJECTED);
+    dv_set_admit(b.svc.handle(), nullptr, nullptr);
+
     waiting.resize(5);  // the first five stay and are served; the rest leave
     fits.close_now();
     std::vector<std::thread> finishers;
@@ -236,7 +247,7 @@ TEST(Service, WaitingClientsAreQueuedInOrderBoundedAndRefusedWhilePaused)
     EXPECT_EQ(served, order);
 }
 
-// The statuses that need no full queue; a timeout below five seconds is
+// The statuses that need no full queue or admission check; a timeout below five seconds is
 // raised to five. No outcome leaves a descriptor or mapping behind.
 TEST(Client, StatusCodesTimeoutAndNothingLeftBehind)
 {
