@@ -10,10 +10,12 @@
 // allowed to stop all mail. What stays open to a race is noted where it
 // happens.
 #include <fcntl.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -120,8 +122,14 @@ bool move_aside(const std::string& path, const char* shown)
     struct stat st;
     if (lstat(path.c_str(), &st) != 0)
         return errno == ENOENT;
-    for (int n = 0; n < 100; ++n) {
-        const std::string aside = path + ".moved." + std::to_string(time(nullptr)) + "." + std::to_string(n);
+    // A name nobody can guess, so that nobody can take all of them first.
+    for (unsigned n = 0; n < 8; ++n) {
+        uint64_t token = 0;
+        if (getrandom(&token, sizeof(token), 0) != sizeof(token))
+            token = (static_cast<uint64_t>(time(nullptr)) << 20) ^ static_cast<uint64_t>(getpid()) ^ n;
+        char suffix[32];
+        snprintf(suffix, sizeof(suffix), ".moved.%016llx", static_cast<unsigned long long>(token));
+        const std::string aside = path + suffix;
         if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) == 0) {
             DBG("%s (uid %u, mode %o) was not ours; moved aside to %s%s.", shown, static_cast<unsigned>(st.st_uid),
                 static_cast<unsigned>(st.st_mode), shown, aside.substr(path.size()).c_str());
