@@ -195,7 +195,9 @@ bool open_spool_file(const MailJob& job, const std::string& name, const std::str
     if (!fd.ok() && errno != ENOENT)
         return refuse(path, why);
     struct stat st;
-    if (fd.ok() && (fstat(fd.get(), &st) != 0 || (!owned_by_us(st) && st.st_uid != job.caller)))
+    if (fd.ok() && fstat(fd.get(), &st) != 0)
+        return refuse(path, std::string("cannot stat it: ") + strerror(errno));
+    if (fd.ok() && !owned_by_us(st) && st.st_uid != job.caller)
         return refuse(path, "belongs to uid " + std::to_string(st.st_uid));
     file.reset(fd.release());
     return true;
