@@ -5,16 +5,26 @@
 
 namespace {
 
-std::unique_ptr<Json::CharReader> bounded_reader()
+Json::CharReaderBuilder bounded_builder()
 {
     Json::CharReaderBuilder builder;
     // What the classic reader accepted (comments, any value at the root,
-    // text after the value ignored), with a depth limit of our own.
+    // text after the value ignored, no byte-order mark), with a depth limit
+    // of our own.
     builder["allowComments"] = true;
     builder["collectComments"] = false;
     builder["strictRoot"] = false;
     builder["failIfExtra"] = false;
+    builder["skipBom"] = false;
     builder["stackLimit"] = static_cast<Json::UInt>(JSON_DEPTH_MAX);
+    return builder;
+}
+
+// A reader holds the state of one parse: one per call. The settings are
+// only read, so all threads share them.
+std::unique_ptr<Json::CharReader> bounded_reader()
+{
+    static const Json::CharReaderBuilder builder = bounded_builder();
     return std::unique_ptr<Json::CharReader>(builder.newCharReader());
 }
 
