@@ -7,15 +7,38 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <cxxabi.h>
+
 #include <cerrno>
+#include <exception>
 #include <mutex>
 #include <cstdio>
 #include <cstring>
 
+namespace {
+
+// Whatever a handler throws (running out of memory on a hostile request,
+// a library's exception nobody expected) ends that request only: the
+// client's connection closes when the dispatcher frees it, as for any
+// request that gets no reply, and the daemon goes on.
+void run_handler(const T_THREAD_ARGS* args)
+{
+    try {
+        args->handler(args->io, args->fd);
+    } catch (const abi::__forced_unwind&) {
+        throw;  // a thread being ended must finish unwinding
+    } catch (const std::exception& e) {
+        dbg_printf2("[%s][%d] %s ended by an exception: %s", __func__, __LINE__, args->name, e.what());
+    } catch (...) {
+        dbg_printf2("[%s][%d] %s ended by an exception.", __func__, __LINE__, args->name);
+    }
+}
+
+}  // namespace
+
 void* pthread_callback_function(void* arg)
 {
-    const T_THREAD_ARGS* args = static_cast<const T_THREAD_ARGS*>(arg);
-    args->handler(args->io, args->fd);
+    run_handler(static_cast<const T_THREAD_ARGS*>(arg));
     pthread_exit(nullptr);
 }
 
@@ -71,7 +94,7 @@ void dispatch_command(const T_COMMAND_ENTRY* table, size_t size, const char* nam
     else
         // No thread to spare: the worker waits for the handler anyway, so
         // run it here rather than leave the client without an answer.
-        args.handler(args.io, args.fd);
+        run_handler(&args);
 
     // Flushes what the handler left in stdout's buffer to the client and
     // lets go of its descriptor; glibc keeps descriptor 1 for /dev/null.

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -21,10 +22,13 @@ bool read_request_text(dv_io* io, std::string& text)
     if (!io || io->memfd < 0)
         return false;
     struct stat st;
-    if (fstat(io->memfd, &st) != 0 || st.st_size <= 0 || static_cast<unsigned long long>(st.st_size) > REQUEST_TEXT_MAX)
+    if (fstat(io->memfd, &st) != 0 || st.st_size <= 0)
         return false;
-
-    std::string buf(static_cast<size_t>(st.st_size), '\0');
+    // One byte past the limit tells a text that is too long from one that
+    // ends within it, whatever size the client gave its file.
+    const size_t want = std::min(static_cast<unsigned long long>(st.st_size),
+                                 static_cast<unsigned long long>(REQUEST_TEXT_MAX) + 1);
+    std::string buf(want, '\0');
     size_t got = 0;
     while (got < buf.size()) {
         ssize_t n = pread(io->memfd, buf.data() + got, buf.size() - got, static_cast<off_t>(got));
@@ -39,6 +43,8 @@ bool read_request_text(dv_io* io, std::string& text)
     if (got == 0)
         return false;
     buf.resize(strnlen(buf.data(), got));
+    if (buf.size() > REQUEST_TEXT_MAX)
+        return false;
     text = std::move(buf);
     return true;
 }

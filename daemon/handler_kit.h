@@ -19,14 +19,15 @@
 #include "dv.h"
 
 // Requests longer than this are refused as "input error"; no command needs
-// more than a few kilobytes.
-inline constexpr size_t REQUEST_TEXT_MAX = 1 << 20;
+// more than a few kilobytes, and every byte of a request may cost the
+// parser a hundred of memory.
+inline constexpr size_t REQUEST_TEXT_MAX = 64 << 10;
 
 // The request text: a copy of the memory file up to its first NUL byte. The
 // file is read with pread rather than through the shared mapping, because
 // the client may shrink its file under us and a mapping would then fault.
-// False when there is no text to read: no or an empty memory file, one
-// larger than REQUEST_TEXT_MAX, or a read error.
+// False when there is no text to read: no or an empty memory file, text
+// longer than REQUEST_TEXT_MAX, or a read error.
 bool read_request_text(dv_io* io, std::string& text);
 
 // One argument a handler expects: its key and where its value goes. The

@@ -21,6 +21,7 @@
 #include "daemon/queue_consumers.h"
 #include "daemon/reentry.h"
 #include "dv.h"
+#include "handlers/handlers.h"
 #include "platform/paths.h"
 
 namespace {
@@ -199,6 +200,7 @@ int main(int argc, char** argv)
     read_options(argc, argv);
     if (g_IsDaemonize)
         (void)!daemon(0, 0);
+    reclaim_mail_dirs();
 
     dv_service_handle = dv_create(DV_SERVICE_NAME, DV_PTHREAD_MODE, DV_SERVER_THREAD_NUM, service_handler);
     if (!dv_service_handle) {

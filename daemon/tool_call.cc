@@ -3,6 +3,7 @@
 #include "daemon/tool_call.h"
 
 #include "daemon/handler_kit.h"
+#include "daemon/json.h"
 #include "daemon/log.h"
 #include "daemon/strutil.h"
 #include "platform/paths.h"
@@ -20,10 +21,10 @@ bool parse_request_object(dv_io* io, Json::Value& root, Json::Value& reply, cons
         reject_request(reply, "no request text", handler, line);
         return false;
     }
-    Json::Reader reader;
     Json::Value parsed;
-    if (!reader.parse(text, parsed, true)) {
-        reject_request(reply, reader.getFormattedErrorMessages(), handler, line);
+    std::string why;
+    if (!json_parse(text, parsed, &why)) {
+        reject_request(reply, why, handler, line);
         return false;
     }
     // Members of anything else cannot be looked up at all.

@@ -29,6 +29,10 @@ int system_call_hwdapp_vpdget(const char* obj_index, std::string* out);
 // Session id and mail.
 void nox_get_sess_id_handler(dv_io* io, int fd);
 void nox_sendmail_handler(dv_io* io, int fd);
+// At start: a mail log directory or spool under /tmp that is not root's is
+// moved aside and both are made afresh, so that nobody who made them first
+// can stop the mail.
+void reclaim_mail_dirs();
 
 // Share and search-index exceptions.
 void nox_system_call_share_lock_add_handler(dv_io* io, int fd);

@@ -3,11 +3,14 @@
 // proxy, replying with what the control command printed.
 #include "handlers/apps/reverse_proxy.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
+#include <initializer_list>
 #include <string>
 
 #include "daemon/handler_kit.h"
@@ -65,11 +68,64 @@ bool is_plain_file_name(const std::string& guid)
     return true;
 }
 
-// A line break, or a NUL byte (which ends the line for anyone reading the
-// file as C text), would let a value add to or cut the configuration.
-bool has_line_break(const std::string& s)
+bool one_of(const std::string& value, std::initializer_list<const char*> allowed)
 {
-    return s.find_first_of(std::string("\r\n\0", 3)) != std::string::npos;
+    for (const char* one : allowed)
+        if (value == one)
+            return true;
+    return false;
+}
+
+// Labels of letters, digits and inner hyphens, joined by dots.
+bool is_host_name(const std::string& host)
+{
+    if (host.empty() || host.size() > 253)
+        return false;
+    size_t start = 0;
+    while (true) {
+        size_t dot = host.find('.', start);
+        const std::string label = host.substr(start, dot == std::string::npos ? std::string::npos : dot - start);
+        if (label.empty() || label.size() > 63 || label.front() == '-' || label.back() == '-')
+            return false;
+        for (unsigned char ch : label)
+            if (!isalnum(ch) && ch != '-')
+                return false;
+        if (dot == std::string::npos)
+            return true;
+        start = dot + 1;
+    }
+}
+
+// The host as it stands in a URL: a host name, an IPv4 address, or an IPv6
+// address in brackets.
+bool is_url_host(const std::string& host)
+{
+    unsigned char buf[sizeof(in6_addr)];
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
+        return inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), buf) == 1;
+    return is_host_name(host);
+}
+
+// The fields are written into the proxy's configuration, where a blank, a
+// quote, a tab or a "|" would add options, targets or directives of the
+// caller's own (a back end behind a local socket, say). Each holds exactly
+// one of the values it can mean, or the rule is not written; why names the
+// first field that does not.
+bool rule_is_plain(const ProxyRule& rule, std::string& why)
+{
+    if (!one_of(rule.protocol, {"http", "https"}))
+        why = "protocol";
+    else if (!one_of(rule.des_protocol, {"http", "https", "ws", "wss"}))
+        why = "des_protocol";
+    else if (!is_url_host(rule.host_name))
+        why = "host_name";
+    else if (rule.port < 1 || rule.port > 65535)
+        why = "port";
+    else if (rule.des_port < 1 || rule.des_port > 65535)
+        why = "des_port";
+    else
+        return true;
+    return false;
 }
 
 std::string rule_file(const std::string& guid)
@@ -164,10 +220,9 @@ void add_rules(const Json::Value& rules, const char* handler)
             dbg_printf2("[%s][%d] get jRuleList[%d] strGUID failed", handler, __LINE__, index);
             continue;
         }
-        // A line break would let a request add directives of its own.
-        if (has_line_break(rule.host_name) || has_line_break(rule.protocol) || has_line_break(rule.des_protocol)) {
-            dbg_printf2("[%s][%d] jRuleList[%d] has a line break in host_name, protocol or des_protocol, skipped",
-                        handler, __LINE__, index);
+        std::string field;
+        if (!rule_is_plain(rule, field)) {
+            dbg_printf2("[%s][%d] get jRuleList[%d] %s failed", handler, __LINE__, index, field.c_str());
             continue;
         }
         write_rule_file(rule_file(rule.guid), virtual_host_text(rule, tls));

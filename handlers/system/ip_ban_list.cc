@@ -1,6 +1,8 @@
 // The web front end's ban list: the app's list of client addresses becomes
 // one Apache fragment of deny rules, and the proxy web server and its TLS
 // tunnel are told to reload it.
+#include <arpa/inet.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -17,13 +19,43 @@
 
 namespace {
 
-// Each piece becomes the rest of one "deny from" line. A line break inside
-// one would start a directive of the caller's choosing.
-bool fits_one_line(const std::vector<std::string>& pieces)
+// Each piece becomes the rest of one "deny from" line, which the web server
+// reads as it likes: a line break starts a directive of the caller's, a
+// trailing backslash joins the next line, a word such as "all" denies
+// everyone. Only an IPv4 or IPv6 address, or a CIDR range of one, is taken;
+// blanks around it are kept as the caller wrote them.
+bool is_address_or_range(const std::string& text)
 {
-    for (const std::string& piece : pieces)
-        if (piece.find_first_of("\r\n") != std::string::npos)
+    std::string address = text;
+    std::string prefix;
+    const size_t slash = text.find('/');
+    if (slash != std::string::npos) {
+        address = text.substr(0, slash);
+        prefix = text.substr(slash + 1);
+    }
+    unsigned char buf[sizeof(in6_addr)];
+    int bits;
+    if (inet_pton(AF_INET, address.c_str(), buf) == 1)
+        bits = 32;
+    else if (inet_pton(AF_INET6, address.c_str(), buf) == 1)
+        bits = 128;
+    else
+        return false;
+    if (slash == std::string::npos)
+        return true;
+    if (prefix.empty() || prefix.size() > 3 || prefix.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    return std::stoi(prefix) <= bits;
+}
+
+bool all_addresses(const std::vector<std::string>& pieces)
+{
+    for (const std::string& piece : pieces) {
+        const size_t first = piece.find_first_not_of(' ');
+        const size_t last = piece.find_last_not_of(' ');
+        if (first == std::string::npos || !is_address_or_range(piece.substr(first, last - first + 1)))
             return false;
+    }
     return true;
 }
 
@@ -69,11 +101,11 @@ void nox_update_ip_ban_list_handler(dv_io* io, int)
     Json::Value reply;
     std::string ip_list;
     if (fetch_request_args(io, reply, {{"ip_list", &ip_list}})) {
-        // Pieces are taken as they are: blanks kept, no address check, no
-        // de-duplication; an empty list denies nobody.
+        // Pieces are taken as they are: blanks kept, no de-duplication; an
+        // empty list denies nobody.
         std::vector<std::string> addresses = str_split_to_vector(ip_list, ",", true);
-        if (!fits_one_line(addresses)) {
-            DBG("ip_list holds a line break; %s left as it was.", PATH_IP_BAN_LIST);
+        if (!all_addresses(addresses)) {
+            DBG("ip_list holds something other than addresses; %s left as it was.", PATH_IP_BAN_LIST);
             set_failure(reply, "nox_update_ip_ban_list_handler fail");
         } else if (!write_ban_list(ban_list_text(addresses))) {
             set_failure(reply, "nox_update_ip_ban_list_handler fail");

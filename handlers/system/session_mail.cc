@@ -5,14 +5,21 @@
 // The mail's files live under /tmp, where everybody may create entries: the
 // spool directory is the app's drop box (root's, which anyone may write into,
 // or the calling app's own) and the log directory is ours. Nothing there is
-// used through a link or a file that someone else planted. What stays open to
-// a race is noted where it happens.
+// used through a link or a file that someone else planted, and a directory
+// someone else made first under either name is moved aside rather than
+// allowed to stop all mail. What stays open to a race is noted where it
+// happens.
 #include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -89,6 +96,10 @@ struct MailJob {
     // The file that becomes sendmail's standard input: the configuration
     // when the mail goes out authenticated, the content otherwise.
     const ScopedFd& input() const { return authenticated ? conf : content; }
+    // sendmail opens its configuration ("-C") itself, by name: a missing one
+    // could be made by anybody between our look and its open, so without
+    // one it is not run at all, as without an input.
+    bool sendable() const { return conf.ok() && input().ok(); }
 };
 
 bool refuse(const std::string& what, const std::string& why)
@@ -97,15 +108,98 @@ bool refuse(const std::string& what, const std::string& why)
     return false;
 }
 
+// Opening failed because of what stands at the name (a directory of
+// another user, a link, a file), which moving it aside cures.
+bool squatted(int err)
+{
+    return err == EPERM || err == ELOOP || err == ENOTDIR;
+}
+
+// Renames whatever stands at path to a name beside it that nothing holds
+// yet, so that whoever made it keeps their files and we get the name back.
+bool move_aside(const std::string& path, const char* shown)
+{
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0)
+        return errno == ENOENT;
+    // A name nobody can guess, so that nobody can take all of them first.
+    for (unsigned n = 0; n < 8; ++n) {
+        uint64_t token = 0;
+        if (getrandom(&token, sizeof(token), 0) != sizeof(token))
+            token = (static_cast<uint64_t>(time(nullptr)) << 20) ^ static_cast<uint64_t>(getpid()) ^ n;
+        char suffix[32];
+        snprintf(suffix, sizeof(suffix), ".moved.%016llx", static_cast<unsigned long long>(token));
+        const std::string aside = path + suffix;
+        if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) == 0) {
+            DBG("%s (uid %u, mode %o) was not ours; moved aside to %s%s.", shown, static_cast<unsigned>(st.st_uid),
+                static_cast<unsigned>(st.st_mode), shown, aside.substr(path.size()).c_str());
+            return true;
+        }
+        if (errno != EEXIST)
+            break;
+    }
+    DBG("%s is not ours and cannot be moved aside: %s.", shown, strerror(errno));
+    return false;
+}
+
+// The spool is everybody's drop box: a directory nobody else may write
+// into, or one whose sticky bit keeps each file to its owner, so that no
+// other user can swap the app's file for one of theirs once it is checked.
+bool keep_entries_to_owners(int dir, const char* shown, std::string& why)
+{
+    struct stat st;
+    if (fstat(dir, &st) != 0) {
+        why = strerror(errno);
+        return false;
+    }
+    if (!(st.st_mode & (S_IWGRP | S_IWOTH)) || (st.st_mode & S_ISVTX))
+        return true;
+    if (fchmod(dir, (st.st_mode & 07777) | S_ISVTX) != 0) {
+        why = std::string("others may replace its files and the sticky bit cannot be set: ") + strerror(errno);
+        return false;
+    }
+    DBG("%s: others could replace its files; sticky bit set.", shown);
+    return true;
+}
+
+// Opens the mail directory abs: the log directory (ours, made 0755 when
+// missing) or the spool (root's, or caller's when given; made root's and
+// everybody's, sticky, when moved aside or, with create, missing). One that
+// belongs to anybody else, or is no directory, is moved aside and made
+// afresh. -1 with why otherwise.
+int open_mail_dir(const char* abs, bool spool, bool create, std::optional<uid_t> caller, std::string& why)
+{
+    const std::string path = platform_path(abs);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (spool && (create || attempt > 0) && mkdir(path.c_str(), 0700) == 0 && chmod(path.c_str(), 01777) != 0) {
+            why = std::string("cannot open it to everybody: ") + strerror(errno);
+            return -1;
+        }
+        ScopedFd dir(spool ? open_trusted_dir(path, false, 0, false, why, caller)
+                           : open_trusted_dir(path, true, 0755, true, why));
+        if (dir.ok())
+            return spool && !keep_entries_to_owners(dir.get(), abs, why) ? -1 : dir.release();
+        if (!squatted(errno) || !move_aside(path, abs))
+            return -1;
+    }
+    return -1;
+}
+
 // A spool file, opened for what it is now. Missing is no reason to refuse:
-// sendmail's own failure tells the app, as it always has.
+// the reply tells the app, as it always has. One of another user than the
+// caller (or root) is not the app's mail.
 bool open_spool_file(const MailJob& job, const std::string& name, const std::string& path, ScopedFd& file)
 {
     std::string why;
-    int fd = open_regular_file(job.spool.get(), name.c_str(), why);
-    if (fd < 0 && errno != ENOENT)
+    ScopedFd fd(open_regular_file(job.spool.get(), name.c_str(), why));
+    if (!fd.ok() && errno != ENOENT)
         return refuse(path, why);
-    file.reset(fd);
+    struct stat st;
+    if (fd.ok() && fstat(fd.get(), &st) != 0)
+        return refuse(path, std::string("cannot stat it: ") + strerror(errno));
+    if (fd.ok() && !owned_by_us(st) && st.st_uid != job.caller)
+        return refuse(path, "belongs to uid " + std::to_string(st.st_uid));
+    file.reset(fd.release());
     return true;
 }
 
@@ -116,8 +210,8 @@ bool open_mail_files(MailJob& job)
     std::string why;
     // The app may have made the spool itself; a directory of any other user
     // (squatted in /tmp before the app made its own) is theirs to swap
-    // entries in, and is refused.
-    job.spool.reset(open_trusted_dir(platform_path(PATH_SENDMAIL_SPOOL_DIR), false, 0, false, why, job.caller));
+    // entries in, and is moved aside.
+    job.spool.reset(open_mail_dir(PATH_SENDMAIL_SPOOL_DIR, true, false, job.caller, why));
     if (!job.spool.ok())
         return refuse(PATH_SENDMAIL_SPOOL_DIR, why);
     if (!open_spool_file(job, job.conf_name, job.conf_path, job.conf) ||
@@ -127,7 +221,7 @@ bool open_mail_files(MailJob& job)
     // 0755 and no more: /tmp is everyone's, and in a directory that others
     // could write into they could plant a link or a file of their own just
     // where root is about to write.
-    job.log_dir.reset(open_trusted_dir(platform_path(PATH_SENDMAIL_LOG_DIR), true, 0755, true, why));
+    job.log_dir.reset(open_mail_dir(PATH_SENDMAIL_LOG_DIR, false, true, std::nullopt, why));
     if (!job.log_dir.ok())
         return refuse(PATH_SENDMAIL_LOG_DIR, why);
     // The two copies of the last mail are only ever replaced by rename, which
@@ -137,7 +231,7 @@ bool open_mail_files(MailJob& job)
         if (!entry_absent_or_own(job.log_dir.get(), base_name(path), why))
             return refuse(path, why);
 
-    if (job.input().ok()) {
+    if (job.sendable()) {
         // Made here, not by the runner (which would make it 0774): in /tmp
         // nobody but us should be able to write into root's mail log.
         job.log.reset(open_own_file(job.log_dir.get(), base_name(PATH_SENDMAIL_LOG), O_WRONLY | O_CREAT, 0644, why));
@@ -150,9 +244,11 @@ bool open_mail_files(MailJob& job)
 // The raw wait status of sendmail, or -1 when it could not be started.
 int run_sendmail(const MailJob& job)
 {
-    if (!job.input().ok()) {
+    if (!job.sendable()) {
         // What the runner does with an input it cannot open: nothing starts,
         // and no log of this call is left behind.
+        if (!job.conf.ok())
+            DBG("%s is missing; sendmail not run.", job.conf_path.c_str());
         unlinkat(job.log_dir.get(), base_name(PATH_SENDMAIL_LOG), 0);
         return -1;
     }
@@ -161,10 +257,10 @@ int run_sendmail(const MailJob& job)
     const std::string in = fd_path(job.input().get());
     const std::string out = fd_path(job.log.get());
     const std::string program = platform_path(PATH_SENDMAIL);
-    // What stays open to a race: sendmail opens its configuration ("-C")
-    // itself, by its spool name, so an entry swapped in the spool between
-    // our check and that open is what it reads as configuration. Handing it
-    // our descriptor instead would change the arguments it has always had.
+    // sendmail opens its configuration ("-C") itself, by its spool name. The
+    // entry it reaches is the file checked above: the spool is nobody else's
+    // to write into, or sticky, so no other user can replace the caller's
+    // file, and the caller could as well have written another one.
     if (job.authenticated) {
         char user_opt[64], pwd_opt[64];
         snprintf(user_opt, sizeof(user_opt), "-au%s", job.user.c_str());
@@ -228,6 +324,17 @@ void write_mail_trace(const MailJob& job, int ret)
 }
 
 }  // namespace
+
+void reclaim_mail_dirs()
+{
+    std::string why;
+    for (bool spool : {false, true}) {
+        const char* dir = spool ? PATH_SENDMAIL_SPOOL_DIR : PATH_SENDMAIL_LOG_DIR;
+        ScopedFd fd(open_mail_dir(dir, spool, true, std::nullopt, why));
+        if (!fd.ok())
+            DBG("%s %s; mail will try again.", dir, why.c_str());
+    }
+}
 
 void nox_get_sess_id_handler(dv_io* io, int)
 {

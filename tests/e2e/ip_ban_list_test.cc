@@ -46,6 +46,7 @@ TEST_F(IpBanList, WritesOneDenyLinePerPieceThenReloadsTheWebServerBeforeTheTunne
         {" 10.0.0.3", "deny from  10.0.0.3\n"},  // blanks are the caller's
         {"", ""},
         {",,10.0.0.4,,10.0.0.4,", "deny from 10.0.0.4\ndeny from 10.0.0.4\n"},  // empty pieces are no address
+        {"10.0.0.0/8,::1,2001:db8::/32 ", "deny from 10.0.0.0/8\ndeny from ::1\ndeny from 2001:db8::/32 \n"},
     };
     for (const auto& [list, denies] : lists) {
         SCOPED_TRACE(list);
@@ -77,8 +78,10 @@ TEST_F(IpBanList, BadRequestsAndUnwritableFilesLeaveTheListAndReloadNothing)
     root_.write_file(PATH_IP_BAN_LIST, previous);
     const std::vector<std::string> names = listing();
 
-    // A line break would end the deny line and start a directive of the caller's.
-    for (const char* list : {"10.0.0.1\nAllow from all", "10.0.0.1,\r"})
+    // Only addresses and ranges: a line break or a trailing backslash would
+    // start or join a directive of the caller's, a word could deny everyone.
+    for (const char* list : {"10.0.0.1\nAllow from all", "10.0.0.1,\r", "10.0.0.2\\", "all", "10.0.0.1\t", "10.1",
+                             "10.0.0.0/33", "10.0.0.0/", "::1/129", "fe80::1%eth0", " ", "10.0.0.1 10.0.0.2"})
         EXPECT_EQ(update(list), kFail) << list;
     EXPECT_EQ(call("update_ip_ban_list", ""), kInputError);
     for (const char* bad : {"{}", R"({"ip_list": 5})", R"({"ip": "10.0.0.1"})"})

@@ -109,8 +109,9 @@ TEST_F(ReverseProxy, WritesEachKindOfRuleByteForByteAndDeletesOnlyTheNamedFiles)
         {"wss behind http", R"({"GUID":"live","port":8090,"des_port":7001,"protocol":"http",
                                 "des_protocol":"wss","host_name":"127.0.0.1","proxy_timeout":300})",
          false, "Listen 8090\n<VirtualHost *:8090>\n" + kSslProxy + kTail + proxy_lines("wss://127.0.0.1:7001/")},
-        {"ws and missing keys", R"({"GUID":"bare","des_protocol":"ws"})",
-         false, "Listen 0\n<VirtualHost *:0>\n" + kTail + proxy_lines("ws://:0/")},
+        {"ws to an IPv6 host at the port limits",
+         R"({"GUID":"bare","port":1,"des_port":65535,"protocol":"http","des_protocol":"ws","host_name":"[::1]"})",
+         false, "Listen 1\n<VirtualHost *:1>\n" + kTail + proxy_lines("ws://[::1]:65535/")},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -263,10 +264,21 @@ TEST_F(ReverseProxy, NoGuidOrValueReachesBeyondItsOwnFileAndLine)
         {"GUID":"host","port":1,"host_name":"x/ retry=0\n\tProxyPass /admin http://10.0.0.1"},
         {"GUID":"proto","port":1,"protocol":"https\r\n\tSSLEngine off"},
         {"GUID":"desproto","port":1,"des_protocol":"http\r"},
+        {"GUID":"sock","port":1,"des_port":1,"protocol":"http","des_protocol":"http",
+         "host_name":"unix:/run/docker.sock|http://127.0.0.1"},
+        {"GUID":"opt","port":1,"des_port":1,"protocol":"http","des_protocol":"http","host_name":"h timeout=1"},
+        {"GUID":"quote","port":1,"des_port":1,"protocol":"http","des_protocol":"http","host_name":"\"h"},
+        {"GUID":"tab","port":1,"des_port":1,"protocol":"http\t","des_protocol":"http","host_name":"h"},
+        {"GUID":"zone","port":1,"des_port":1,"protocol":"http","des_protocol":"ws","host_name":"[fe80::1%eth0]"},
+        {"GUID":"bare6","port":1,"des_port":1,"protocol":"http","des_protocol":"ws","host_name":"::1"},
+        {"GUID":"dash","port":1,"des_port":1,"protocol":"http","des_protocol":"ws","host_name":"-h.local"},
+        {"GUID":"low","port":-1,"des_port":1,"protocol":"http","des_protocol":"http","host_name":"h"},
+        {"GUID":"high","port":1,"des_port":99999,"protocol":"http","des_protocol":"http","host_name":"h"},
+        {"GUID":"defaults","des_protocol":"ws"},
         {"GUID":"typed","port":"8080"},
         7,
-        {"GUID":"planted","port":8000,"host_name":"127.0.0.1","des_protocol":"http","des_port":80},
-        {"GUID":"fine","port":8001,"host_name":"127.0.0.1","des_protocol":"http","des_port":81}
+        {"GUID":"planted","port":8000,"host_name":"127.0.0.1","protocol":"http","des_protocol":"http","des_port":80},
+        {"GUID":"fine","port":8001,"host_name":"127.0.0.1","protocol":"http","des_protocol":"http","des_port":81}
     ])";
     EXPECT_EQ(call(R"({"action":"add","rule_list":)" + rules + "}"), success(""));
 
@@ -295,10 +307,15 @@ TEST_F(ReverseProxy, NoGuidOrValueReachesBeyondItsOwnFileAndLine)
     for (int index : {0, 1, 2, 3, 4, 5, 6, 7})
         EXPECT_NE(log.find("] get jRuleList[" + std::to_string(index) + "] strGUID failed\n"), std::string::npos)
             << index;
-    for (int index : {8, 9, 10})
-        EXPECT_NE(log.find("] jRuleList[" + std::to_string(index) + "] has a line break"), std::string::npos) << index;
-    EXPECT_NE(log.find("] jRuleList[11].port is not a 32-bit integer, skipped\n"), std::string::npos);
-    EXPECT_NE(log.find("] jRuleList[12] is not an object, skipped\n"), std::string::npos);
+    // A value that is not one of those its field can mean is named.
+    const char* fields[] = {"protocol", "protocol", "protocol", "host_name", "host_name", "host_name", "protocol",
+                            "host_name", "host_name", "host_name", "port", "des_port", "protocol"};
+    for (int index = 8; index <= 20; ++index)
+        EXPECT_NE(log.find("] get jRuleList[" + std::to_string(index) + "] " + fields[index - 8] + " failed\n"),
+                  std::string::npos)
+            << index;
+    EXPECT_NE(log.find("] jRuleList[21].port is not a 32-bit integer, skipped\n"), std::string::npos);
+    EXPECT_NE(log.find("] jRuleList[22] is not an object, skipped\n"), std::string::npos);
     EXPECT_EQ(settled_fd_count(daemon_->pid()), fds);
 }
 

@@ -7,7 +7,10 @@
 // descriptor behind. The typed argument reader is exercised through them.
 //
 // Input: [selector byte][request text...]. The selector's low seven bits
-// pick the row. Most handlers end up starting a platform program, which
+// pick the row. A text that begins with the byte 0xff and a count byte n is
+// the rest of the input repeated n * 256 times (128 KiB at most): deep
+// nesting and requests past the length limit, which the fuzzer would hardly
+// grow on its own. Most handlers end up starting a platform program, which
 // costs a process: those that read arguments only get there with
 // well-formed ones, but those that read none get there every time, so they
 // are taken only when the selector's top bit is set too (see pick_row).
@@ -146,6 +149,18 @@ std::string make_harmless(const Row& row, const std::string& text)
     return json_write(root);
 }
 
+std::string expand(const std::string& text)
+{
+    if (text.size() < 3 || static_cast<unsigned char>(text[0]) != 0xff)
+        return text;
+    const std::string unit = text.substr(2);
+    const size_t times = static_cast<unsigned char>(text[1]) * 256u;
+    std::string out;
+    for (size_t i = 0; i < times && out.size() < (128u << 10); ++i)
+        out += unit;
+    return out;
+}
+
 // A handler's reply as the client would find it: "" with *replied false when
 // no reply directive came.
 std::string run_handler(const Row& row, const std::string& text, bool* replied)
@@ -237,7 +252,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
 
     const Row row = pick_row(data[0]);
-    const std::string text = make_harmless(row, std::string(reinterpret_cast<const char*>(data + 1), size - 1));
+    const std::string text =
+        make_harmless(row, expand(std::string(reinterpret_cast<const char*>(data + 1), size - 1)));
     bool replied = false;
     const std::string reply = run_handler(row, text, &replied);
     check_reply(row, text, replied, reply);

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <filesystem>
 #include <mutex>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -136,10 +137,12 @@ void print_handler(dv_io* io, int fd)
 }
 
 void silent_handler(dv_io*, int) {}
+void throwing_handler(dv_io*, int) { throw std::bad_alloc(); }
 
 const T_COMMAND_ENTRY kTestTable[] = {
     {"print", print_handler},
     {"silent", silent_handler},
+    {"throws", throwing_handler},
     {"print", silent_handler},  // never reached: the first match wins
     {"unwritten", nullptr},     // a known name without a handler
 };
@@ -181,20 +184,22 @@ TEST(Dispatch, TheCallersDescriptorIsStandardOutputWhileTheHandlerRuns)
     EXPECT_EQ(g_stdout_during, "/dev/null");
 }
 
-// A row without a handler, or a handler that never replies: the client is
-// released at once with no reply, no log line and no descriptor left behind.
+// A row without a handler, a handler that never replies or one that throws:
+// the client is released at once with no reply and no descriptor left
+// behind; only the exception is logged.
 TEST(Dispatch, NoHandlerOrNoReplyReleasesTheClient)
 {
     HandlerService service(test_table_exec, 1);
     const int before = settled_fd_count();
-    for (const char* name : {"unwritten", "silent"}) {
+    for (const char* name : {"unwritten", "silent", "throws"}) {
         int status = -1;
         auto start = Clock::now();
         EXPECT_EQ(service.call(name, "{}", &status, -1, 10), "") << name;
         EXPECT_EQ(status, DV_STATUS_SOCKET) << name;
         EXPECT_LT(Clock::now() - start, std::chrono::seconds(2)) << name;
     }
-    EXPECT_TRUE(service.log().messages().empty());
+    EXPECT_EQ(service.log().messages().size(), 1u);
+    EXPECT_EQ(service.log().messages_with("] throws ended by an exception: std::bad_alloc").size(), 1u);
     EXPECT_EQ(settled_fd_count(), before);
 }
 

@@ -119,6 +119,10 @@ TEST_F(SimpleQueries, InputErrorsRunNothing)
     } cases[] = {
         {"", kInputError, "[nox_get_vpd_ext_area_handler]["},
         {std::string(1 << 20, ' ') + "{}", kInputError, "dv_io input fail."},
+        {std::string((64 << 10) - 1, ' ') + "{}", kInputError, "dv_io input fail."},
+        // Nesting past what any command needs, far below what would exhaust the reader.
+        {std::string(1001, '[') + std::string(1001, ']'), kParseError, nullptr},
+        {"{\"offest\": 0, \"length\": 16, \"x\": " + std::string(40, '[') + std::string(40, ']') + "}", kParseError, nullptr},
         {"{\"offest\": 0,", kParseError, nullptr},
         {"[0, 16]", kParseError, nullptr},
         {std::string("\0{\"offest\": 0, \"length\": 16}", 29), kParseError, nullptr},
@@ -140,10 +144,11 @@ TEST_F(SimpleQueries, InputErrorsRunNothing)
 
 TEST_F(SimpleQueries, RequestTextEndsAtTheFileOrItsFirstNul)
 {
-    // Padded to fill whole pages with no terminator, then followed by a
-    // NUL and rubbish: both are read exactly as far as the text goes.
+    // Padded to the longest request taken (64 KiB, whole pages) with no
+    // terminator, then followed by a NUL and rubbish: both are read exactly
+    // as far as the text goes.
     std::string exact = R"({"offest": 0, "length": 7})";
-    exact.append(8192 - exact.size(), ' ');
+    exact.append((64 << 10) - exact.size(), ' ');
     EXPECT_EQ(call("get_vpd_ext_area", exact), R"({"result":0,"vpd_ext_area":"VXEXT01"})" "\n");
     std::string with_nul = std::string(R"({"offest": 0, "length": 7})") + '\0' + "not json";
     EXPECT_EQ(call("get_vpd_ext_area", with_nul), R"({"result":0,"vpd_ext_area":"VXEXT01"})" "\n");
