@@ -29,11 +29,14 @@ install(FILES packaging/dv-call.bash-completion RENAME dv-call
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 
 # Service files. Under the /usr prefix the init script lands in /etc/init.d.
-set(VEXPROD_SYSTEMD_UNIT_DIR ${CMAKE_INSTALL_PREFIX}/lib/systemd/system
-  CACHE PATH "Where the systemd unit is installed")
+set(VEXPROD_SYSTEMD_UNIT_DIR "" CACHE PATH "Where the systemd unit goes (default PREFIX/lib/systemd/system)")
+set(unit_dir ${VEXPROD_SYSTEMD_UNIT_DIR})
+if(NOT unit_dir)
+  set(unit_dir ${CMAKE_INSTALL_PREFIX}/lib/systemd/system)
+endif()
 configure_file(packaging/dwe-dv-vexprod.service.in dwe-dv-vexprod.service @ONLY)
 configure_file(packaging/dwe-dv-vexprod.init.in dwe-dv-vexprod.init @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/dwe-dv-vexprod.service DESTINATION ${VEXPROD_SYSTEMD_UNIT_DIR})
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/dwe-dv-vexprod.service DESTINATION ${unit_dir})
 install(PROGRAMS ${CMAKE_CURRENT_BINARY_DIR}/dwe-dv-vexprod.init RENAME dwe-dv-vexprod
   DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/init.d)
 
