@@ -20,6 +20,7 @@
 #include "daemon/msgq.h"
 #include "daemon/queue_consumers.h"
 #include "daemon/reentry.h"
+#include "daemon/usage.h"
 #include "dv.h"
 #include "handlers/handlers.h"
 #include "platform/paths.h"
@@ -174,6 +175,8 @@ void read_options(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    if (int status = answer_usage_query(argc, argv); status >= 0)
+        return status;
     unsetenv("LD_LIBRARY_PATH");
     keep_inherited_fds_from_children();
 

@@ -55,6 +55,7 @@ const char HELP[] =
     "  --json TEXT      the request text itself (default {})\n"
     "  --timeout S      seconds one call may take, 1..3600 (default 5; dv_ calls wait\n"
     "                   at least 5)\n"
+    "  --version        print the version\n"
     "\n"
     "Output, one line each:\n"
     "  mode=... threads=N calls=C seconds=S calls_per_s=R\n"
@@ -166,6 +167,10 @@ int parse_options(int argc, char** argv, Options* opt)
         }
         if (arg == "--help" || arg == "-h") {
             printf("%s\n\n%s", USAGE, HELP);
+            return 0;
+        }
+        if (arg == "--version") {
+            printf("dv-bench %s\n", DV_VERSION_STRING);
             return 0;
         }
         std::string name = arg, value;

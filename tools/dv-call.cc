@@ -28,6 +28,7 @@ const char HELP[] =
     "  --timeout S  seconds to wait for the reply (values below 5 wait 5)\n"
     "  --stdout     hand this program's standard output to the service with the request,\n"
     "               so output the command writes there appears here\n"
+    "  --version    print the version\n"
     "\n"
     "Exit status: 0 reply printed, 1 timed out, 2 no such service, 3 service paused,\n"
     "4 request rejected, 5 connection lost, 6 service busy, 7 bad arguments.\n";
@@ -97,6 +98,10 @@ int main(int argc, char** argv)
         }
         if (opt == "--help" || opt == "-h") {
             printf("%s\n\n%s", USAGE, HELP);
+            return 0;
+        }
+        if (opt == "--version") {
+            printf("dv-call %s\n", DV_VERSION_STRING);
             return 0;
         }
         if (opt == "--stdout") {

@@ -10,7 +10,7 @@
  * Misuse and resource failures print one "[ABORT] @fn() ...: `cond'" line to
  * stderr and abort(); client calls report small status codes instead.
  *
- * Usable from C and C++; every symbol is unmangled.
+ * Usable from C (C99 on) and C++; every symbol is unmangled.
  */
 #ifndef DV_H
 #define DV_H
@@ -22,11 +22,25 @@
 #include <sys/types.h>
 #include <pthread.h>
 
+/* Strict ISO C modes (-std=c99, -std=c11) keep siginfo_t out of <signal.h>;
+ * the C library's header of that one type gives it without asking the
+ * including program to change its feature macros. */
+#if !defined(__cplusplus) && defined(__GLIBC__) && !defined(__siginfo_t_defined)
+#include <bits/types/siginfo_t.h>
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
 #define DV_API __attribute__((visibility("default")))
+
+/* The version of this header and of the libdv it comes with. The SONAME
+ * (libdv.so.MAJOR) changes with the major number only. */
+#define DV_VERSION_MAJOR 1
+#define DV_VERSION_MINOR 0
+#define DV_VERSION_PATCH 0
+#define DV_VERSION_STRING "1.0.0"
 
 /* Object magics: the first 32-bit field of every framework object. */
 #define DV_IO_MAGIC 0x64494F2DU     /* "-OId" in memory order */
@@ -79,7 +93,7 @@ typedef struct dv_directive {
  * dv_io_free, which closes sockfd and memfd but never fd.
  */
 typedef struct dv_io {
-    u_int32_t magic;
+    uint32_t magic;
     int memfd;
     int sockfd;
     int fd;
@@ -88,8 +102,8 @@ typedef struct dv_io {
     void* shared_data;
     size_t shared_size;
     int pid;
-    u_int32_t uid;
-    u_int32_t gid;
+    uint32_t uid;
+    uint32_t gid;
 } dv_io;
 
 DV_API dv_io* dv_io_create(void);
@@ -127,17 +141,17 @@ typedef void (*dv_hook_fn)(void* arg);
  * DV_STATUS_REJECTED) and closes the connection. Runs on the producer's
  * thread, once per connection: it must be quick and must not block.
  */
-typedef int (*dv_admit_fn)(const char* service, int pid, u_int32_t uid, u_int32_t gid, void* arg);
+typedef int (*dv_admit_fn)(const char* service, int pid, uint32_t uid, uint32_t gid, void* arg);
 
 typedef struct dv_worker dv_worker; /* private to the framework */
 
 typedef struct dv_handle {
-    u_int32_t magic;
-    u_int8_t paused;
-    u_int8_t stopping;
+    uint32_t magic;
+    uint8_t paused;
+    uint8_t stopping;
     char sockfile[MAXIMUM_NAME_SIZE];
     char name[MAXIMUM_NAME_SIZE];
-    u_int32_t mode;
+    uint32_t mode;
     size_t service_size;
     dv_exec_fn exec;
     dv_hook_fn worker_init;
@@ -149,13 +163,13 @@ typedef struct dv_handle {
      * its caller's thread, so that dv_free never pulls the handle from under it. */
     pthread_mutex_t run_lock;
     pthread_cond_t run_cond;
-    u_int32_t run_state;
+    uint32_t run_state;
     /* Private: set by dv_set_admit. */
     dv_admit_fn admit;
     void* admit_arg;
 } dv_handle;
 
-DV_API dv_handle* dv_create(const char* name, u_int32_t mode, size_t workers, dv_exec_fn exec);
+DV_API dv_handle* dv_create(const char* name, uint32_t mode, size_t workers, dv_exec_fn exec);
 DV_API void dv_worker_init(dv_handle* service_handle, dv_hook_fn fn, void* arg);
 DV_API void dv_worker_fini(dv_handle* service_handle, dv_hook_fn fn, void* arg);
 /* Sets (or, with a null fn, clears) the admission check, at any time. */
@@ -202,7 +216,7 @@ DV_API int dv_reply(dv_io* io);
 #define DV_STATUS_ARGUMENTS 7
 
 typedef struct dv_epoll {
-    u_int32_t magic;
+    uint32_t magic;
     int fd;
 } dv_epoll;
 
