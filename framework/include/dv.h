@@ -41,6 +41,10 @@ extern "C" {
 #define MAXIMUM_NAME_SIZE 64
 #define MAX_SIGNAL_SIZE 32
 #define DV_MAX_WAITING_CLIENTS 1000
+/* Clients of one uid that may wait in a service's queue at once; the next one
+ * is told the service is busy. Waiting clients are served round robin across
+ * uids, so that one user's connections cannot keep another's waiting. */
+#define DV_MAX_WAITING_PER_UID 16
 #define DV_DEFAULT_SOCKET_DIR "/var/run/dv"
 
 /* ---------------------------------------------------------------- wire format */
@@ -197,7 +201,7 @@ DV_API int dv_reply(dv_io* io);
 #define DV_STATUS_CONNECT 2
 #define DV_STATUS_PAUSED 3
 #define DV_STATUS_REJECTED 4
-#define DV_STATUS_SOCKET 5
+#define DV_STATUS_SOCKET 5 /* also: no descriptor or memory left to make the call */
 #define DV_STATUS_BUSY 6
 #define DV_STATUS_ARGUMENTS 7
 
