@@ -48,6 +48,12 @@ inline constexpr int DV_REQUEST_DEADLINE_MS = 1000;
 // out of descriptors or memory, instead of being woken for it at once again.
 inline constexpr int DV_ACCEPT_PAUSE_MS = 100;
 
+// Descriptors the producer leaves free for what the process already took on
+// (requests' memory files and output, the programs handlers run, logs, the
+// process's own client calls): a client whose socket would eat into them is
+// told the service is busy, and the listening socket rests as on EMFILE.
+inline constexpr int DV_FD_RESERVE = 64;
+
 // Requests are small JSON texts; a memory file beyond this is refused rather
 // than mapped.
 inline constexpr unsigned long long DV_MAX_REQUEST_SIZE = 64ULL << 20;

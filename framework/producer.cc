@@ -1,6 +1,7 @@
 // The producer: accepts clients, queues them first come first served, and
 // hands each to an idle consumer. It never blocks on a consumer.
 #include <errno.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -244,6 +245,15 @@ void watch_listener(dv_worker* producer, bool on)
     producer->listen_again_ms = now_ms() + DV_ACCEPT_PAUSE_MS;
 }
 
+// New descriptors take the lowest free number: one this close to the limit
+// means hardly any are left below it.
+bool leaves_reserve(int fd)
+{
+    struct rlimit lim;
+    return getrlimit(RLIMIT_NOFILE, &lim) != 0 || lim.rlim_cur == RLIM_INFINITY ||
+           static_cast<rlim_t>(fd) + DV_FD_RESERVE < lim.rlim_cur;
+}
+
 void accept_client(dv_worker* producer, graveyard& dead)
 {
     dv_handle* h = producer->handle;
@@ -254,6 +264,11 @@ void accept_client(dv_worker* producer, graveyard& dead)
         // wait are served meanwhile, and their ends free descriptors.
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
             watch_listener(producer, false);
+        return;
+    }
+    if (!leaves_reserve(fd)) {
+        refuse(fd, DV_DIRECTIVE_BUSY);
+        watch_listener(producer, false);
         return;
     }
     struct ucred cred;
