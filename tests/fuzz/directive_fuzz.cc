@@ -1,7 +1,9 @@
 // Fuzzes what a client may send a consumer worker: the input is cut into
 // chunks of at most 143 bytes (so directives arrive in pieces), each sent on
 // its own and some carrying a descriptor of some kind (memory files good and
-// bad, pipes, sockets, devices, directories, several at once). The service
+// bad, sealed or sealable; pipes of either end, local and TCP sockets,
+// devices, regular files, directories, O_PATH, eventfd; several at once), as
+// request file or as the extra descriptor. The service
 // must survive every input, keep answering well-formed requests, and end up
 // holding no descriptor it did not hold before.
 //
@@ -9,6 +11,9 @@
 // is 1 + size % 143 payload bytes (fewer at the end of the input).
 #include <fcntl.h>
 #include <poll.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -56,12 +61,46 @@ int memfd_with(const char* text, unsigned flags = 0)
     return fd;
 }
 
+// A TCP connection to a listener of ours that never accepts, set to linger:
+// the kind of socket the service must neither take nor wait for on close.
+int lingering_tcp()
+{
+    static int listener = -1;
+    static struct sockaddr_in addr;
+    if (listener < 0) {
+        listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        addr = {};
+        addr.sin_family = AF_INET;
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof(addr);
+        if (bind(listener, reinterpret_cast<sockaddr*>(&addr), len) != 0 || listen(listener, 4096) != 0 ||
+            getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
+            abort();
+    }
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct linger on = {1, 30};
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &on, sizeof(on));
+    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+        close(fd);
+        return -1;
+    }
+    (void)!write(fd, "unsent", 6);
+    return fd;
+}
+
+int sealed_memfd(unsigned seals)
+{
+    int fd = memfd_with("{}", MFD_ALLOW_SEALING);
+    fcntl(fd, F_ADD_SEALS, seals);
+    return fd;
+}
+
 // Descriptors to attach for one attachment kind (the caller closes them).
 std::vector<int> make_attachment(uint8_t kind)
 {
     std::vector<int> fds;
     int p[2];
-    switch (kind % 16) {
+    switch (kind % 32) {
     case 8:
         fds.push_back(memfd_with("{\"a\":1}"));
         break;
@@ -95,6 +134,33 @@ std::vector<int> make_attachment(uint8_t kind)
     case 15:
         fds.push_back(memfd_with("{}"));
         fds.push_back(memfd_with("{}"));
+        break;
+    case 16:
+        fds.push_back(lingering_tcp());
+        break;
+    case 17:
+        if (pipe2(p, O_CLOEXEC) == 0) {  // the end a caller's output goes in
+            fds.push_back(p[1]);
+            close(p[0]);
+        }
+        break;
+    case 18:
+        fds.push_back(open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+        break;
+    case 19:
+        fds.push_back(open("/etc/passwd", O_PATH | O_CLOEXEC));
+        break;
+    case 20:
+        fds.push_back(eventfd(0, EFD_CLOEXEC));
+        break;
+    case 21:
+        fds.push_back(sealed_memfd(F_SEAL_SHRINK));
+        break;
+    case 22:
+        fds.push_back(sealed_memfd(F_SEAL_SEAL));  // frozen, nothing forbidden: a good request file
+        break;
+    case 23:
+        fds.push_back(sealed_memfd(F_SEAL_FUTURE_WRITE));
         break;
     default:
         break;  // 0-7: no descriptor
