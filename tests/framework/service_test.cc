@@ -1,6 +1,7 @@
 // A live service driven by a hand-written client and by the real one: round
 // trips in every worker mode, queueing, refusals and every client status,
 // pause, consumer restarts, stopping, and nothing left behind.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -294,6 +295,28 @@ TEST(Client, StatusCodesTimeoutAndNothingLeftBehind)
     EXPECT_EQ(call_status("@" + dir.file("none.sock"), std::string(257, 'c')), DV_STATUS_ARGUMENTS);
     EXPECT_EQ(call_status(std::string(65, 's'), "x"), DV_STATUS_ARGUMENTS);
     EXPECT_EQ(dv_ez_call(nullptr, "x", nullptr, 0, nullptr, nullptr, 5, -1), DV_STATUS_ARGUMENTS);
+    // With no descriptor left for the memory file, the poller or the socket
+    // a call fails with a status; with all three it gets as far as connecting.
+    for (int spare = 0; spare <= 3; spare++) {
+        struct rlimit saved;
+        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+        const int top = open_fds().back();
+        const struct rlimit tight = {static_cast<rlim_t>(top + 1 + spare), saved.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+        std::vector<int> holes;  // free numbers below the highest, filled
+        for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) {
+            if (fd > top) {
+                close(fd);
+                break;
+            }
+            holes.push_back(fd);
+        }
+        const int status = call_status("@" + dir.file("none.sock"), "x");
+        for (int fd : holes)
+            close(fd);
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+        EXPECT_EQ(status, spare < 3 ? DV_STATUS_SOCKET : DV_STATUS_CONNECT) << spare << " spare";
+    }
     {
         BlockedService b;
         EXPECT_EQ(call_status(b.svc.name(), "hangup"), DV_STATUS_SOCKET);
