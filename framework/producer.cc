@@ -1,5 +1,6 @@
-// The producer: accepts clients, queues them first come first served, and
-// hands each to an idle consumer. It never blocks on a consumer.
+// The producer: accepts clients, queues them (uids taking turns, each uid's
+// clients first come first served), and hands each to an idle consumer. It
+// never blocks on a consumer.
 #include <errno.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -8,9 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -228,6 +229,8 @@ bool admitted(dv_handle* h, const struct ucred* cred)
     return admit(h->name, cred->pid, cred->uid, cred->gid, arg) != 0;
 }
 
+// Watches the listening socket again, or leaves it alone for a moment. A
+// failed watch is tried again after that moment too.
 void watch_listener(dv_worker* producer, bool on)
 {
     if (on) {

@@ -7,8 +7,11 @@
  * memory file (memfd) whose descriptor is passed over the socket; the sockets
  * themselves only carry fixed-size directives.
  *
- * Misuse and resource failures print one "[ABORT] @fn() ...: `cond'" line to
- * stderr and abort(); client calls report small status codes instead.
+ * Misuse and failures to set a service up print one "[ABORT] @fn() ...: `cond'"
+ * line to stderr and abort(). Running out of descriptors or memory in a
+ * message object or a client call is not misuse: the call fails instead (a
+ * status code, -1 or null), and a reply that a client's file cannot take
+ * costs that client its reply (its connection is shut down).
  *
  * Usable from C and C++; every symbol is unmangled.
  */

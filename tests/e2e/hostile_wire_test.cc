@@ -200,7 +200,8 @@ TEST(HostileWire, NoAttackCrashesHangsOrStarvesTheDaemon)
              EXPECT_LT(cpu, 50);
              event_record("disk 2 degraded");
              EXPECT_TRUE(eventually([&] { return d.debug_log().find("] eventlog_handler fail") != std::string::npos; },
-                                    5000));
+                                    10000))
+                 << d.debug_log();
          }},
     };
     for (const Attack& a : attacks) {

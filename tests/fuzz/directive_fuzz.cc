@@ -63,24 +63,31 @@ int memfd_with(const char* text, unsigned flags = 0)
 
 // A TCP connection to a listener of ours that never accepts, set to linger:
 // the kind of socket the service must neither take nor wait for on close.
+// (The listener is made before the descriptor count is first taken; what
+// it queued is let go of on each call.)
+int tcp_listener = -1;
+struct sockaddr_in tcp_addr;
+
+void make_tcp_listener()
+{
+    tcp_listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    tcp_addr = {};
+    tcp_addr.sin_family = AF_INET;
+    tcp_addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(tcp_addr);
+    if (bind(tcp_listener, reinterpret_cast<sockaddr*>(&tcp_addr), len) != 0 || listen(tcp_listener, 64) != 0 ||
+        getsockname(tcp_listener, reinterpret_cast<sockaddr*>(&tcp_addr), &len) != 0)
+        abort();
+}
+
 int lingering_tcp()
 {
-    static int listener = -1;
-    static struct sockaddr_in addr;
-    if (listener < 0) {
-        listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        addr = {};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof(addr);
-        if (bind(listener, reinterpret_cast<sockaddr*>(&addr), len) != 0 || listen(listener, 4096) != 0 ||
-            getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
-            abort();
-    }
+    for (int queued; (queued = accept4(tcp_listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;)
+        close(queued);
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     struct linger on = {1, 30};
     setsockopt(fd, SOL_SOCKET, SO_LINGER, &on, sizeof(on));
-    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+    if (connect(fd, reinterpret_cast<sockaddr*>(&tcp_addr), sizeof(tcp_addr)) != 0) {
         close(fd);
         return -1;
     }
@@ -227,6 +234,7 @@ void check_no_leak()
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (!service) {
+        make_tcp_listener();
         service = new TestService(reply_exec, DV_PTHREAD_MODE | DV_STANDALONE, 2);
         check_service_alive();
         baseline_fds = settled_fd_count();
