@@ -4,6 +4,7 @@
 
 #include "daemon/log.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -48,6 +49,14 @@ namespace {
 // handler runs in between.
 std::mutex stdout_lock;
 
+// A second reference to what standard output is now, so that pointing it
+// elsewhere under the lock cannot be the last close of a client's file; the
+// caller closes it once the lock is released. -1 when there is none.
+int keep_stdout()
+{
+    return fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+}
+
 }  // namespace
 
 void dispatch_command(const T_COMMAND_ENTRY* table, size_t size, const char* name, dv_io* io, int fd)
@@ -78,14 +87,23 @@ void dispatch_command(const T_COMMAND_ENTRY* table, size_t size, const char* nam
         // on several workers the last redirection wins, as it always has.
         // Each redirection is made whole under a lock, so that one worker's
         // dup2 cannot fall into the middle of another's freopen.
-        std::lock_guard<std::mutex> one_at_a_time(stdout_lock);
-        dup2(fd, STDOUT_FILENO);
-        // The number is closed once only: in a threaded process it may be
-        // handed to another thread's file the moment it is free, and a
-        // second close would take that file away. (A client descriptor that
-        // arrived as number 1 already is standard output: keep it.)
+        int replaced;
+        {
+            std::lock_guard<std::mutex> one_at_a_time(stdout_lock);
+            replaced = keep_stdout();
+            dup2(fd, STDOUT_FILENO);
+        }
+        // Closed outside the lock: a client's file may take its time to
+        // close, and that must hold up this request only, not every
+        // request of both services. The number is closed once only: in a
+        // threaded process it may be handed to another thread's file the
+        // moment it is free, and a second close would take that file away.
+        // (A client descriptor that arrived as number 1 already is standard
+        // output: keep it.)
         if (fd != STDOUT_FILENO)
             close(fd);
+        if (replaced >= 0)
+            close(replaced);
     }
 
     pthread_t thread;
@@ -99,10 +117,14 @@ void dispatch_command(const T_COMMAND_ENTRY* table, size_t size, const char* nam
     // Flushes what the handler left in stdout's buffer to the client and
     // lets go of its descriptor; glibc keeps descriptor 1 for /dev/null.
     bool reopened;
+    int replaced;
     {
         std::lock_guard<std::mutex> one_at_a_time(stdout_lock);
+        replaced = keep_stdout();
         reopened = freopen("/dev/null", "w", stdout) != nullptr;
     }
+    if (replaced >= 0)
+        close(replaced);
     if (!reopened)
         DBG("freopen /dev/null fail, errno=%d", errno);
     if (io)

@@ -6,10 +6,13 @@
 #include <linux/close_range.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -33,6 +36,10 @@ constexpr size_t DV_SERVER_THREAD_NUM = 2;
 constexpr size_t DV_SEND_MAIL_SERVER_THREAD_NUM = 5;
 // How long start-up waits for a service to be listening before it goes on.
 constexpr unsigned DV_START_WAIT_MS = 5000;
+// Descriptors beyond the services' own that a running daemon may hold: the
+// log, the queues, requests' memory files and extra descriptors, the pipes
+// and captures of the programs handlers run.
+constexpr rlim_t DV_SPARE_FDS = 512;
 
 bool g_IsDaemonize = false;
 volatile sig_atomic_t g_IsTerminate = 0;
@@ -149,6 +156,21 @@ void keep_inherited_fds_from_children()
     closedir(fds);
 }
 
+// Every waiting client holds a descriptor until a worker takes it: a full
+// queue on both services must not run us out of them. Only ever raised,
+// and never past the hard limit.
+void raise_fd_limit()
+{
+    const rlim_t needed = 2 * static_cast<rlim_t>(DV_MAX_WAITING_CLIENTS) + DV_SERVER_THREAD_NUM +
+                          DV_SEND_MAIL_SERVER_THREAD_NUM + DV_SPARE_FDS;
+    struct rlimit lim;
+    if (getrlimit(RLIMIT_NOFILE, &lim) != 0 || lim.rlim_cur >= needed)
+        return;
+    lim.rlim_cur = lim.rlim_max == RLIM_INFINITY ? needed : std::min(needed, lim.rlim_max);
+    if (setrlimit(RLIMIT_NOFILE, &lim) != 0)
+        DBG("raise RLIMIT_NOFILE to %llu fail, errno=%d", static_cast<unsigned long long>(lim.rlim_cur), errno);
+}
+
 void read_options(int argc, char** argv)
 {
     opterr = 0;  // our own message below is the only one
@@ -189,6 +211,7 @@ int main(int argc, char** argv)
     snprintf(log_dir, sizeof(log_dir), "%s/.log", install_path.c_str());
     log_set_dir(platform_path(log_dir).c_str());
     DBG("dwe-dv-vexprod start, Server:%s.", DV_SERVICE_NAME);
+    raise_fd_limit();
 
     if (dv_reentried(argv[0])) {
         DBG("warning: re-entry.");

@@ -9,6 +9,7 @@
 
 #include <sys/time.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -56,13 +57,20 @@ std::string read_text(const unsigned char* msg, size_t offset, size_t size)
 }
 
 // Writes text into a fresh message object and calls the service with it.
+// A socket failure, which is also what a call that found no descriptor or
+// memory left to be made reports, is logged with errno; the caller logs
+// every failure.
 bool call_notify_service(const char* command, const std::string& text)
 {
     dv_io* io = dv_io_create();
-    bool ok = dv_json_write_io(text.data(), text.size(), io) == 0 &&
-              dv_call(NOTIFY_SERVICE_NAME, command, io, kCallTimeout, kNoExtraFd) == DV_STATUS_OK;
+    int status = DV_STATUS_SOCKET;
+    if (dv_json_write_io(text.data(), text.size(), io) == 0)
+        status = dv_call(NOTIFY_SERVICE_NAME, command, io, kCallTimeout, kNoExtraFd);
+    const int error = errno;
     dv_io_free(io);
-    return ok;
+    if (status == DV_STATUS_SOCKET)
+        DBG("%s: client status %d, errno=%d", command, status, error);
+    return status == DV_STATUS_OK;
 }
 
 const char* make_notify_time()

@@ -77,19 +77,35 @@ void send_request(dv_io* io)
         dv_send_fd(io->sockfd, io->fd);
 }
 
+// A poller, or null (errno set) when memory or descriptors ran out.
+dv_epoll* new_epoll()
+{
+    dv_epoll* epoll = static_cast<dv_epoll*>(calloc(1, sizeof(dv_epoll)));
+    if (!epoll)
+        return nullptr;
+    epoll->magic = DV_EPOLL_MAGIC;
+    epoll->fd = epoll_create1(EPOLL_CLOEXEC);
+    if (epoll->fd < 0) {
+        int saved = errno;
+        free(epoll);
+        errno = saved;
+        return nullptr;
+    }
+    set_fd_cloexec(epoll->fd);  // historical; EPOLL_CLOEXEC is what counts
+    return epoll;
+}
+
 }  // namespace
 
 extern "C" {
 
 DV_API dv_epoll* dv_epoll_create(void)
 {
-    dv_epoll* epoll = static_cast<dv_epoll*>(calloc(1, sizeof(dv_epoll)));
-    if (!epoll)
+    dv_epoll* epoll = new_epoll();
+    if (!epoll && errno == ENOMEM)
         dv_abort("[ABORT] @%s() alloc epoll memory fail: `%s'\n", "dv_epoll_create",
                  "(epoll = calloc(1, sizeof(dv_epoll)))");
-    epoll->magic = DV_EPOLL_MAGIC;
-    epoll->fd = epoll_create1(EPOLL_CLOEXEC);
-    if (!(epoll->fd >= 0 && set_fd_cloexec(epoll->fd)))
+    if (!epoll)
         dv_abort("[ABORT] @%s() create request epoll fail: `%s'\n", "dv_epoll_create",
                  "((epoll->fd = epoll_create(1)) >= 0 && set_fd_cloexec(epoll->fd))");
     return epoll;
@@ -109,10 +125,16 @@ DV_API int dv_epoll_call(dv_epoll* epoll, const char* service, const char* comma
         dv_abort("[ABORT] @%s() generate request [%s] SHA1 fail: `%s'\n", "dv_epoll_call", service,
                  "SHA1Result(&sha1)");
 
+    // Running out of descriptors or memory is the caller's failure to
+    // handle, not a misuse: the request fails with a socket status, and
+    // whatever it holds is released by dv_call or the caller's dv_io_free.
+    // The memory file comes first, so that a failure leaves no socket behind.
+    if (!dv_io_shm(io))
+        return DV_STATUS_SOCKET;
     io->sockfd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (!(io->sockfd >= 0 && set_fd_cloexec(io->sockfd)))
-        dv_abort("[ABORT] @%s() create request socket fail: `%s'\n", "dv_epoll_call",
-                 "(io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && set_fd_cloexec(io->sockfd)");
+    if (io->sockfd < 0)
+        return DV_STATUS_SOCKET;
+    set_fd_cloexec(io->sockfd);  // historical; SOCK_CLOEXEC is what counts
     struct sockaddr_un addr;
     memset(&addr, 0, sizeof(addr));
     addr.sun_family = AF_UNIX;
@@ -129,9 +151,7 @@ DV_API int dv_epoll_call(dv_epoll* epoll, const char* service, const char* comma
     ev.events = DV_EVENTS;
     ev.data.ptr = io;
     if (epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, &ev) != 0)
-        dv_abort("[ABORT] @%s() epoll add request sockfd fail: `%s'\n", "dv_epoll_call",
-                 "epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, ev) == 0");
-    dv_io_shm(io);
+        return DV_STATUS_SOCKET;  // ENOMEM or ENOSPC: a fresh socket cannot be there already
     io->fd = fd;
     snprintf(io->name, sizeof(io->name), "%s", command);
     return DV_STATUS_OK;
@@ -202,7 +222,11 @@ DV_API void dv_epoll_free(dv_epoll* epoll)
 
 DV_API int dv_call(const char* service, const char* command, dv_io* io, unsigned timeout_s, int fd)
 {
-    dv_epoll* epoll = dv_epoll_create();
+    dv_epoll* epoll = new_epoll();
+    if (!epoll) {
+        release_request(io);
+        return DV_STATUS_SOCKET;
+    }
     long long start = now_ms();
     int status = dv_epoll_call(epoll, service, command, io, fd);
     if (status == DV_STATUS_OK) {
@@ -243,9 +267,11 @@ DV_API int dv_ez_call(const char* service, const char* command, const void* data
     int status = dv_call(service, command, io, timeout_s, fd);
     if (status == DV_STATUS_OK && recv) {
         *recv = realloc(*recv, io->shared_size);
-        if (!*recv && io->shared_size)
-            dv_abort("[ABORT] @%s() cannot realloc recv memory: `%s'\n", "dv_ez_call",
-                     "(*recv = realloc(*recv, io->shared_size))");
+        if (!*recv && io->shared_size) {
+            // No memory for the reply: the call failed as far as the caller can tell.
+            dv_io_free(io);
+            return DV_STATUS_SOCKET;
+        }
         if (io->shared_size)
             memcpy(*recv, io->shared_data, io->shared_size);
         if (rsize)

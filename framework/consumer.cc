@@ -6,7 +6,9 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -77,27 +79,55 @@ int recv_client_fd(const consumer_state& s, int client)
     return dv_recv_fd(client);
 }
 
-// The request's memory file must be one we can read, resize and rewrite for
-// the reply; anything else (a pipe, a read-only or sealed file, an absurd
-// size) would make the reply path fail, so the client is refused instead.
+// The request's memory file must be a memory file we can read, resize and
+// rewrite for the reply; anything else (a pipe, a file on disk, a read-only
+// or sealed file, an absurd size) would make the reply path fail, so the
+// client is refused instead. The seals are frozen before they are looked at:
+// then what we see is final, and the client cannot forbid the reply later.
 bool usable_memfd(int fd)
 {
     struct stat st;
+    struct statfs fs;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 0 ||
-        static_cast<unsigned long long>(st.st_size) > DV_MAX_REQUEST_SIZE)
+        static_cast<unsigned long long>(st.st_size) > DV_MAX_REQUEST_SIZE || fstatfs(fd, &fs) != 0 ||
+        fs.f_type != TMPFS_MAGIC)
         return false;
     int flags = fcntl(fd, F_GETFL);
     if (flags < 0 || (flags & O_ACCMODE) != O_RDWR)
         return false;
+    (void)fcntl(fd, F_ADD_SEALS, F_SEAL_SEAL);  // refused when sealing was never allowed: sealed already
     int seals = fcntl(fd, F_GET_SEALS);
-    if (seals < 0)
+    return seals >= 0 && (seals & F_SEAL_SEAL) &&
+           !(seals & (F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_FUTURE_WRITE));
+}
+
+// Lingering off, so that closing a socket can never wait for data it still
+// has to send; harmless on anything else.
+void close_client_fd(int fd)
+{
+    struct linger off = {0, 0};
+    (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &off, sizeof(off));
+    close(fd);
+}
+
+// The extra descriptor becomes a handler's standard output: only kinds whose
+// writes and close cannot hang us on someone else's terms are taken, and
+// only when open for writing. A socket must be a local one, with lingering
+// off.
+bool usable_extra_fd(int fd)
+{
+    struct stat st;
+    int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || (flags & O_PATH) || (flags & O_ACCMODE) == O_RDONLY || fstat(fd, &st) != 0)
         return false;
-    if (seals & (F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_FUTURE_WRITE))
-        return false;
-    // Freeze the seals so the client cannot forbid the reply later on.
-    if (!(seals & F_SEAL_SEAL) && fcntl(fd, F_ADD_SEALS, F_SEAL_SEAL) != 0)
-        return false;
-    return true;
+    if (S_ISSOCK(st.st_mode)) {
+        int domain = -1;
+        socklen_t len = sizeof(domain);
+        struct linger off = {0, 0};
+        return getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &len) == 0 && domain == AF_UNIX &&
+               setsockopt(fd, SOL_SOCKET, SO_LINGER, &off, sizeof(off)) == 0;
+    }
+    return S_ISREG(st.st_mode) || S_ISFIFO(st.st_mode) || S_ISCHR(st.st_mode);
 }
 
 // A forked consumer runs with its caller's environment.
@@ -151,10 +181,10 @@ void serve_request(consumer_state& s, const dv_directive& d)
             return;
         }
     }
-    if (!usable_memfd(memfd)) {
+    if (!usable_memfd(memfd) || (extra >= 0 && !usable_extra_fd(extra))) {
         close(memfd);
         if (extra >= 0)
-            close(extra);
+            close_client_fd(extra);
         drop_client(w);
         return;
     }
@@ -163,7 +193,7 @@ void serve_request(consumer_state& s, const dv_directive& d)
     if (!dv_io_map_request(io, DV_MAX_REQUEST_SIZE)) {
         dv_io_free(io);
         if (extra >= 0)
-            close(extra);
+            close_client_fd(extra);
         drop_client(w);
         return;
     }

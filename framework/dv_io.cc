@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -31,15 +32,19 @@ bool io_ok(const dv_io* io)
 
 }  // namespace
 
-// The memory file comes into being on first use.
-void dv_io_shm(dv_io* io)
+// The memory file comes into being on first use. Running out of descriptors
+// is not a misuse: the operation that needed the file fails, the process
+// goes on (a daemon's client call must not take the daemon with it).
+bool dv_io_shm(dv_io* io)
 {
     if (io->memfd >= 0)
-        return;
-    io->memfd = static_cast<int>(syscall(SYS_memfd_create, "dovel", MFD_CLOEXEC));
-    if (io->memfd == -1 || !set_fd_cloexec(io->memfd))
-        dv_abort("[ABORT] @%s() create share memory file fail: `%s'\n", "dv_io_shm",
-                 "io->memfd != -1 && set_fd_cloexec(io->memfd)");
+        return true;
+    int fd = static_cast<int>(syscall(SYS_memfd_create, "dovel", MFD_CLOEXEC));
+    if (fd == -1)
+        return false;
+    set_fd_cloexec(fd);  // historical; MFD_CLOEXEC is what counts
+    io->memfd = fd;
+    return true;
 }
 
 namespace {
@@ -63,12 +68,24 @@ void resync(dv_io* io)
         st.st_size = 0;
     unmap(io);
     if (st.st_size > 0) {
+        // The file is the peer's as much as ours: it may have grown past
+        // what can be mapped since. Then it reads as empty, and the process
+        // goes on.
         void* map = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, io->memfd, 0);
         if (map == MAP_FAILED)
-            dv_abort("[ABORT] @%s() create memory map fail: `%s'\n", "dv_io_sync", "io->shared_data != MAP_FAILED");
+            return;
         io->shared_data = map;
         io->shared_size = static_cast<size_t>(st.st_size);
     }
+}
+
+// A reply that cannot be written into the request's file must not reach the
+// client as if it were whole: the connection is shut down instead, so the
+// client sees a hang-up and the reply directive goes nowhere.
+void drop_reply(dv_io* io)
+{
+    if (io->sockfd >= 0)
+        shutdown(io->sockfd, SHUT_RDWR);
 }
 
 }  // namespace
@@ -124,18 +141,24 @@ DV_API void dv_io_free(dv_io* io)
 DV_API void* dv_io_realloc(dv_io* io, size_t size)
 {
     CHECK_IO(io, "cannot alloc incorrect dv_io %p");
-    dv_io_shm(io);
-    struct stat st;
-    (void)fstat(io->memfd, &st);
+    // On a server the file came from the client, which may have sealed,
+    // grown or swapped it in ways we cannot see coming; a file that cannot
+    // be resized or mapped costs that client its reply, never the process.
+    if (!dv_io_shm(io))
+        return nullptr;
     unmap(io);
-    if (ftruncate(io->memfd, static_cast<off_t>(size)) != 0)
-        dv_abort("[ABORT] @%s() ftruncate memory file fail: `%s'\n", "dv_io_realloc", "ftruncate(io->memfd, size) == 0");
+    if (ftruncate(io->memfd, static_cast<off_t>(size)) != 0) {
+        drop_reply(io);
+        return nullptr;
+    }
     lseek(io->memfd, 0, SEEK_END);
     if (size == 0)
         return nullptr;
     void* map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, io->memfd, 0);
-    if (map == MAP_FAILED)
-        dv_abort("[ABORT] @%s() create memory map fail: `%s'\n", "dv_io_realloc", "io->shared_data != MAP_FAILED");
+    if (map == MAP_FAILED) {
+        drop_reply(io);
+        return nullptr;
+    }
     io->shared_data = map;
     io->shared_size = size;
     return map;
@@ -153,25 +176,30 @@ DV_API char* dv_io_read(dv_io* io, size_t* size)
 DV_API ssize_t dv_io_write(dv_io* io, const void* buf, size_t len)
 {
     CHECK_IO(io, "cannot read incorrect dv_io %p");
-    dv_io_shm(io);
+    if (!dv_io_shm(io))
+        return -1;
     return write(io->memfd, buf, len);
 }
 
 DV_API ssize_t dv_io_splice(dv_io* io, int fdin, size_t len)
 {
     CHECK_IO(io, "cannot read incorrect dv_io %p");
-    dv_io_shm(io);
+    if (!dv_io_shm(io))
+        return -1;
     return splice(fdin, nullptr, io->memfd, nullptr, len, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
 }
 
 DV_API void dv_io_printf(dv_io* io, const char* fmt, ...)
 {
     CHECK_IO(io, "cannot printf incorrect dv_io %p");
-    dv_io_shm(io);
+    if (!dv_io_shm(io))
+        return;
     va_list ap;
     va_start(ap, fmt);
-    vdprintf(io->memfd, fmt, ap);
+    int n = vdprintf(io->memfd, fmt, ap);
     va_end(ap);
+    if (n < 0)
+        drop_reply(io);
 }
 
 DV_API int dv_io_pid(dv_io* io)
@@ -232,31 +260,28 @@ DV_API size_t dv_io_size(dv_io* io)
 
 DV_API int dv_io_fileno(dv_io* io)
 {
-    dv_io_shm(io);
-    return io->memfd;
+    return dv_io_shm(io) ? io->memfd : -1;
 }
 
 DV_API int dv_io_dup(dv_io* io)
 {
-    dv_io_shm(io);
-    return dup(io->memfd);
+    return dv_io_shm(io) ? dup(io->memfd) : -1;
 }
 
 DV_API int dv_io_dup2(dv_io* io, int newfd)
 {
-    dv_io_shm(io);
-    return dup2(io->memfd, newfd);
+    return dv_io_shm(io) ? dup2(io->memfd, newfd) : -1;
 }
 
 DV_API int dv_io_dup3(dv_io* io, int newfd, int flags)
 {
-    dv_io_shm(io);
-    return dup3(io->memfd, newfd, flags);
+    return dv_io_shm(io) ? dup3(io->memfd, newfd, flags) : -1;
 }
 
 DV_API FILE* dv_io_fopen(dv_io* io, const char* mode)
 {
-    dv_io_shm(io);
+    if (!dv_io_shm(io))
+        return nullptr;
     char path[4096];
     snprintf(path, sizeof(path), "/proc/self/fd/%d", io->memfd);
     return fopen(path, mode);
@@ -264,7 +289,8 @@ DV_API FILE* dv_io_fopen(dv_io* io, const char* mode)
 
 DV_API FILE* dv_io_freopen(dv_io* io, const char* mode, FILE* stream)
 {
-    dv_io_shm(io);
+    if (!dv_io_shm(io))
+        return nullptr;
     char path[4096];
     snprintf(path, sizeof(path), "/proc/self/fd/%d", io->memfd);
     return freopen(path, mode, stream);

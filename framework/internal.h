@@ -21,8 +21,9 @@
 // creation. Returns true when both fcntl calls succeed.
 bool set_fd_cloexec(int fd);
 
-// Creates the message object's memory file when it has none yet.
-void dv_io_shm(dv_io* io);
+// Creates the message object's memory file when it has none yet. False (with
+// errno set) when none can be made: descriptors or memory ran out.
+bool dv_io_shm(dv_io* io);
 
 // Maps a client's request file as dv_io_sync does, but fails instead of
 // aborting when the file is larger than max_size or cannot be mapped: the
@@ -39,8 +40,19 @@ inline constexpr uint32_t DV_EVENTS_WAITING = EPOLLERR | EPOLLHUP;              
 inline constexpr uint32_t DV_EVENTS_GONE = EPOLLIN | EPOLLHUP | EPOLLRDHUP;        // 0x2011
 
 // A client that a consumer accepted must have sent its whole request within
-// this time, so that silent connections cannot hold every consumer.
-inline constexpr int DV_REQUEST_DEADLINE_MS = 10 * 1000;
+// this time, so that silent connections cannot hold every consumer. Real
+// clients send at once, on the go-ahead.
+inline constexpr int DV_REQUEST_DEADLINE_MS = 1000;
+
+// How long the producer leaves its listening socket alone when accept runs
+// out of descriptors or memory, instead of being woken for it at once again.
+inline constexpr int DV_ACCEPT_PAUSE_MS = 100;
+
+// Descriptors the producer leaves free for what the process already took on
+// (requests' memory files and output, the programs handlers run, logs, the
+// process's own client calls): a client whose socket would eat into them is
+// told the service is busy, and the listening socket rests as on EMFILE.
+inline constexpr int DV_FD_RESERVE = 64;
 
 // Requests are small JSON texts; a memory file beyond this is refused rather
 // than mapped.
@@ -77,12 +89,17 @@ struct dv_event_queue {
     int sockfd;
 };
 
-// A client waiting in the producer's queue, first come first served.
+// A client waiting in the producer's queue, in the order it will be served.
 struct dv_client {
     dv_event_queue queue;  // type CLIENT_SOCK; first so the epoll pointer casts
     dv_client* prev;
     dv_client* next;
+    uid_t uid;     // the peer's, from SO_PEERCRED (-1 when unknown)
+    uint64_t turn; // its uid's round in which it is served
 };
+
+// Per-uid bookkeeping of the producer's queue (producer.cc).
+struct dv_waiting_uids;
 
 struct dv_worker {
     u_int8_t idle;
@@ -112,6 +129,8 @@ struct dv_worker {
     int client;            // consumer: the client it holds, or -1
     bool restarted;        // producer: a consumer was restarted during this batch of events
     int handed;            // consumer record: the producer's copy of the client handed over, until echoed
+    dv_waiting_uids* uids; // producer: waiting clients per uid
+    long long listen_again_ms;  // producer: when to watch the listening socket again, 0 when watched
 };
 
 void dv_producer_worker_init(dv_handle* service_handle, dv_worker* producer);

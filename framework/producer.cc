@@ -1,20 +1,44 @@
-// The producer: accepts clients, queues them first come first served, and
-// hands each to an idle consumer. It never blocks on a consumer.
+// The producer: accepts clients, queues them (uids taking turns, each uid's
+// clients first come first served), and hands each to an idle consumer. It
+// never blocks on a consumer.
 #include <errno.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
+#include <unordered_map>
 
 #include "internal.h"
 
+// Waiting clients per uid, and the round each uid's next client is served
+// in: a uid's n-th waiting client is served in its n-th round from now, so
+// turns alternate between uids while each uid keeps its arrival order.
+struct dv_waiting_uids {
+    struct uid_state {
+        size_t waiting = 0;
+        uint64_t last_turn = 0;
+    };
+    std::unordered_map<uid_t, uid_state> by_uid;
+    uint64_t turn = 0;  // the round of the client handed over last
+};
+
 namespace {
+
+long long now_ms()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
 
 // Client entries removed while a batch of events is being handled may still
 // be named by a later event of the same batch; they are marked (socket 0)
@@ -49,6 +73,38 @@ void unlink_client(dv_worker* producer, dv_client* c)
         producer->clients.tail = c->prev;
     c->prev = c->next = nullptr;
     producer->waiting--;
+    auto it = producer->uids->by_uid.find(c->uid);
+    if (it != producer->uids->by_uid.end() && --it->second.waiting == 0)
+        producer->uids->by_uid.erase(it);
+}
+
+// Queues c behind every client served in the same round or before it.
+void link_client(dv_worker* producer, dv_client* c)
+{
+    dv_waiting_uids::uid_state& u = producer->uids->by_uid[c->uid];
+    c->turn = std::max(u.last_turn, producer->uids->turn) + 1;
+    u.last_turn = c->turn;
+    u.waiting++;
+    dv_client* before = producer->clients.tail;
+    while (before && before->turn > c->turn)
+        before = before->prev;
+    c->prev = before;
+    c->next = before ? before->next : producer->clients.head;
+    if (c->next)
+        c->next->prev = c;
+    else
+        producer->clients.tail = c;
+    if (before)
+        before->next = c;
+    else
+        producer->clients.head = c;
+    producer->waiting++;
+}
+
+size_t waiting_of(const dv_worker* producer, uid_t uid)
+{
+    auto it = producer->uids->by_uid.find(uid);
+    return it == producer->uids->by_uid.end() ? 0 : it->second.waiting;
 }
 
 void drop_client(dv_worker* producer, dv_client* c, graveyard& dead)
@@ -153,6 +209,7 @@ void dispatch(dv_worker* producer, graveyard& dead)
         dv_client* c = producer->clients.head;
         int fd = c->queue.sockfd;
         epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, fd, nullptr);
+        producer->uids->turn = c->turn;
         unlink_client(producer, c);
         dead.bury(c);
         hand_over(producer, chosen, fd);
@@ -161,31 +218,73 @@ void dispatch(dv_worker* producer, graveyard& dead)
 
 // The service's admission check, with the peer's credentials. A peer whose
 // credentials cannot be read is not admitted where a check is set.
-bool admitted(dv_handle* h, int fd)
+bool admitted(dv_handle* h, const struct ucred* cred)
 {
     dv_admit_fn admit = __atomic_load_n(&h->admit, __ATOMIC_ACQUIRE);
     if (!admit)
         return true;
     void* arg = __atomic_load_n(&h->admit_arg, __ATOMIC_ACQUIRE);
-    struct ucred cred;
-    socklen_t len = sizeof(cred);
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0)
+    if (!cred)
         return false;
-    return admit(h->name, cred.pid, cred.uid, cred.gid, arg) != 0;
+    return admit(h->name, cred->pid, cred->uid, cred->gid, arg) != 0;
+}
+
+// Watches the listening socket again, or leaves it alone for a moment. A
+// failed watch is tried again after that moment too.
+void watch_listener(dv_worker* producer, bool on)
+{
+    if (on) {
+        struct epoll_event ev;
+        memset(&ev, 0, sizeof(ev));
+        ev.events = DV_EVENTS;
+        ev.data.ptr = &producer->queue;
+        if (epoll_ctl(producer->pollfd, EPOLL_CTL_ADD, producer->queue.sockfd, &ev) == 0 || errno == EEXIST) {
+            producer->listen_again_ms = 0;
+            return;
+        }
+    } else {
+        epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, producer->queue.sockfd, nullptr);
+    }
+    producer->listen_again_ms = now_ms() + DV_ACCEPT_PAUSE_MS;
+}
+
+// New descriptors take the lowest free number: one this close to the limit
+// means hardly any are left below it.
+bool leaves_reserve(int fd)
+{
+    struct rlimit lim;
+    return getrlimit(RLIMIT_NOFILE, &lim) != 0 || lim.rlim_cur == RLIM_INFINITY ||
+           static_cast<rlim_t>(fd) + DV_FD_RESERVE < lim.rlim_cur;
 }
 
 void accept_client(dv_worker* producer, graveyard& dead)
 {
     dv_handle* h = producer->handle;
     int fd = accept4(producer->queue.sockfd, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0)
+    if (fd < 0) {
+        // Out of descriptors or memory: the pending connection stays in the
+        // backlog and would wake us at once, again and again. Those that
+        // wait are served meanwhile, and their ends free descriptors.
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
+            watch_listener(producer, false);
         return;
-    if (!admitted(h, fd)) {
+    }
+    if (!leaves_reserve(fd)) {
+        refuse(fd, DV_DIRECTIVE_BUSY);
+        watch_listener(producer, false);
+        return;
+    }
+    struct ucred cred;
+    socklen_t len = sizeof(cred);
+    bool have_cred = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0;
+    if (!admitted(h, have_cred ? &cred : nullptr)) {
         refuse(fd, DV_DIRECTIVE_REJECT);
         return;
     }
+    const uid_t uid = have_cred ? cred.uid : static_cast<uid_t>(-1);
     bool paused = __atomic_load_n(&h->paused, __ATOMIC_RELAXED);
-    if (producer->waiting > DV_MAX_WAITING_CLIENTS - 1 || paused) {
+    if (producer->waiting > DV_MAX_WAITING_CLIENTS - 1 || paused ||
+        waiting_of(producer, uid) >= DV_MAX_WAITING_PER_UID) {
         refuse(fd, paused ? DV_DIRECTIVE_PAUSED : DV_DIRECTIVE_BUSY);
         return;
     }
@@ -205,6 +304,7 @@ void accept_client(dv_worker* producer, graveyard& dead)
     }
     c->queue.type = CLIENT_SOCK;
     c->queue.sockfd = fd;
+    c->uid = uid;
     struct epoll_event ev;
     memset(&ev, 0, sizeof(ev));
     ev.events = DV_EVENTS_WAITING;
@@ -215,13 +315,7 @@ void accept_client(dv_worker* producer, graveyard& dead)
         free(c);
         return;
     }
-    c->prev = producer->clients.tail;
-    if (producer->clients.tail)
-        producer->clients.tail->next = c;
-    else
-        producer->clients.head = c;
-    producer->clients.tail = c;
-    producer->waiting++;
+    link_client(producer, c);
     dispatch(producer, dead);
 }
 
@@ -267,6 +361,8 @@ void dv_producer_worker_init(dv_handle* h, dv_worker* producer)
     producer->exec = h->exec;
     producer->handle = h;
     producer->client = -1;
+    producer->uids = new dv_waiting_uids;
+    producer->listen_again_ms = 0;
 
     struct stat st;
     if (lstat(h->sockfile, &st) != 0) {
@@ -324,10 +420,15 @@ void dv_producer_worker(dv_worker* producer)
     for (;;) {
         int n;
         do {
-            n = epoll_wait(producer->pollfd, events, 64, -1);
+            int timeout = -1;
+            if (producer->listen_again_ms)
+                timeout = static_cast<int>(std::max(0LL, producer->listen_again_ms - now_ms()));
+            n = epoll_wait(producer->pollfd, events, 64, timeout);
         } while (n < 0 && errno == EINTR);
-        if (n < 1 || __atomic_load_n(&h->stopping, __ATOMIC_RELAXED))
+        if (n < 0 || __atomic_load_n(&h->stopping, __ATOMIC_RELAXED))
             break;
+        if (producer->listen_again_ms && now_ms() >= producer->listen_again_ms)
+            watch_listener(producer, true);
         bool ending = false;
         for (int i = 0; i < n && !ending; i++) {
             dv_event_queue* q = static_cast<dv_event_queue*>(events[i].data.ptr);
@@ -383,6 +484,8 @@ void dv_producer_worker(dv_worker* producer)
         close(producer->pollfd);
         producer->pollfd = -1;
     }
+    delete producer->uids;
+    producer->uids = nullptr;
 }
 
 void* dv_producer_worker_thread(void* arg)

@@ -7,8 +7,11 @@
  * memory file (memfd) whose descriptor is passed over the socket; the sockets
  * themselves only carry fixed-size directives.
  *
- * Misuse and resource failures print one "[ABORT] @fn() ...: `cond'" line to
- * stderr and abort(); client calls report small status codes instead.
+ * Misuse and failures to set a service up print one "[ABORT] @fn() ...: `cond'"
+ * line to stderr and abort(). Running out of descriptors or memory in a
+ * message object or a client call is not misuse: the call fails instead (a
+ * status code, -1 or null), and a reply that a client's file cannot take
+ * costs that client its reply (its connection is shut down).
  *
  * Usable from C (C99 on) and C++; every symbol is unmangled.
  */
@@ -55,6 +58,10 @@ extern "C" {
 #define MAXIMUM_NAME_SIZE 64
 #define MAX_SIGNAL_SIZE 32
 #define DV_MAX_WAITING_CLIENTS 1000
+/* Clients of one uid that may wait in a service's queue at once; the next one
+ * is told the service is busy. Waiting clients are served round robin across
+ * uids, so that one user's connections cannot keep another's waiting. */
+#define DV_MAX_WAITING_PER_UID 16
 #define DV_DEFAULT_SOCKET_DIR "/var/run/dv"
 
 /* ---------------------------------------------------------------- wire format */
@@ -211,7 +218,7 @@ DV_API int dv_reply(dv_io* io);
 #define DV_STATUS_CONNECT 2
 #define DV_STATUS_PAUSED 3
 #define DV_STATUS_REJECTED 4
-#define DV_STATUS_SOCKET 5
+#define DV_STATUS_SOCKET 5 /* also: no descriptor or memory left to make the call */
 #define DV_STATUS_BUSY 6
 #define DV_STATUS_ARGUMENTS 7
 

@@ -50,6 +50,20 @@ Act request_with(const std::function<int()>& make, uint8_t flags = 0)
     };
 }
 
+// A good request whose extra descriptor is what make() returns.
+Act extra_fd(const std::function<int()>& make)
+{
+    return [make](RawClient& c) {
+        c.send_directive(DV_DIRECTIVE_REQUEST, DV_DIRECTIVE_FLAG_EXTRA_FD, "cmd");
+        int memfd = make_request_memfd("{}"), fd = make();
+        ASSERT_GE(fd, 0);
+        c.send_fd(memfd);
+        c.send_fd(fd);
+        close(memfd);
+        close(fd);
+    };
+}
+
 TEST(BadClients, AreDroppedWithoutHarmingOthersOrLeaking)
 {
     TempDir scratch;
@@ -90,6 +104,9 @@ TEST(BadClients, AreDroppedWithoutHarmingOthersOrLeaking)
              (void)!ftruncate(fd, 1LL << 40);
              return fd;
          }), false},
+        {"a TCP socket as the extra descriptor", true, extra_fd([] { return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0); }), false},
+        {"a read-only extra descriptor", true, extra_fd([&] { return open(scratch.file("ro").c_str(), O_RDONLY | O_CLOEXEC); }),
+         false},
         {"two descriptors in one message", true, [](RawClient& c) {
              c.send_directive(DV_DIRECTIVE_REQUEST, 0, "cmd");
              int both[2] = {make_request_memfd("{}"), make_request_memfd("{}")};

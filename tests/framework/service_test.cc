@@ -1,12 +1,15 @@
 // A live service driven by a hand-written client and by the real one: round
 // trips in every worker mode, queueing, refusals and every client status,
 // pause, consumer restarts, stopping, and nothing left behind.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <fstream>
@@ -20,6 +23,7 @@
 #include "dv.h"
 #include "support/death.h"
 #include "support/fds.h"
+#include "support/other_user.h"
 #include "support/files.h"
 #include "support/raw_client.h"
 #include "support/settle.h"
@@ -174,36 +178,58 @@ struct BlockedService {
 
 // With the only consumer busy: clients wait and are served in arrival order,
 // the 1001st waiting client is turned away, a paused service refuses all.
-TEST(Service, WaitingClientsAreQueuedInOrderBoundedAndRefusedWhilePausedOrNotAdmitted)
+// Connects as uid (this thread only: the service's threads keep theirs), or
+// as ourselves when we may not switch.
+bool connect_as(RawClient& c, const std::string& sockfile, uid_t uid)
+{
+    const bool switched = can_switch_user() && syscall(SYS_setresuid, -1, uid, -1) == 0;
+    const bool connected = c.connect_to(sockfile);
+    if (switched && syscall(SYS_setresuid, -1, 0, -1) != 0)
+        abort();
+    return connected;
+}
+
+// At most DV_MAX_WAITING_PER_UID wait per uid, DV_MAX_WAITING_CLIENTS in
+// all (that needs other uids: only when we may switch); uids take turns,
+// each in its own arrival order.
+TEST(Service, WaitingClientsAreQueuedInTurnsBoundedAndRefusedWhilePausedOrNotAdmitted)
 {
     struct rlimit rl;
     getrlimit(RLIMIT_NOFILE, &rl);
     rl.rlim_cur = std::max(rl.rlim_cur, std::min<rlim_t>(4096, rl.rlim_max));
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &rl), 0);
     ASSERT_GE(rl.rlim_cur, 2100u) << "not enough descriptors for 1001 waiting clients";
+    const bool others = can_switch_user();
+    const size_t total = others ? DV_MAX_WAITING_CLIENTS : DV_MAX_WAITING_PER_UID;
+    auto uid_of = [](size_t i) { return static_cast<uid_t>(70000 + i / DV_MAX_WAITING_PER_UID); };
     BlockedService b;
     const std::string name = b.svc.name(), sockfile = b.svc.sockfile();
+    ASSERT_TRUE(!others || allow_search(sockfile.substr(0, sockfile.rfind('/'))));
     b.block();
     std::vector<std::unique_ptr<RawClient>> waiting;
-    for (int i = 0; i < DV_MAX_WAITING_CLIENTS; i++) {
+    for (size_t i = 0; i < total; i++) {
         waiting.push_back(std::make_unique<RawClient>());
-        ASSERT_TRUE(waiting.back()->connect_to(sockfile));
-        if (i < 5)
+        ASSERT_TRUE(connect_as(*waiting.back(), sockfile, uid_of(i)));
+        if (i % DV_MAX_WAITING_PER_UID < 3)
             std::this_thread::sleep_for(5ms);  // arrival order is the order of accept
     }
     // Nobody is told to go ahead while the consumer is busy.
     EXPECT_EQ(waiting[0]->next_type(100), -1);
     RawClient extra;
-    ASSERT_TRUE(extra.connect_to(sockfile));
+    ASSERT_TRUE(connect_as(extra, sockfile, uid_of(0)));
     EXPECT_EQ(extra.next_type(), DV_DIRECTIVE_BUSY);
     EXPECT_TRUE(extra.closed_by_peer());
+    if (others) {  // the whole queue is full: a uid with nobody waiting is refused too
+        ASSERT_TRUE(connect_as(extra, sockfile, 69999));
+        EXPECT_EQ(extra.next_type(), DV_DIRECTIVE_BUSY);
+    }
     EXPECT_EQ(call_status(name, "x"), DV_STATUS_BUSY);
 
-    // One waiting client leaves: there is room for one more again.
+    // One waiting client leaves: there is room for one more of its uid again.
     waiting.back()->close_now();
     std::this_thread::sleep_for(50ms);
     RawClient fits;
-    ASSERT_TRUE(fits.connect_to(sockfile));
+    ASSERT_TRUE(connect_as(fits, sockfile, uid_of(total - 1)));
     EXPECT_EQ(fits.next_type(200), -1) << "queued, not refused";
 
     dv_pause(b.svc.handle());
@@ -225,10 +251,21 @@ TEST(Service, WaitingClientsAreQueuedInOrderBoundedAndRefusedWhilePausedOrNotAdm
     EXPECT_EQ(call_status(name, "x"), DV_STATUS_REJECTED);
     dv_set_admit(b.svc.handle(), nullptr, nullptr);
 
-    waiting.resize(5);  // the first five stay and are served; the rest leave
+    // The first three of the first uid and, with others, the first two of
+    // the second stay and are served; the rest leave.
+    std::vector<size_t> kept = {0, 1, 2};
+    std::vector<std::string> order = {"block", "client0", "client1", "client2", "after"};
+    if (others) {
+        kept = {0, 1, 2, DV_MAX_WAITING_PER_UID, DV_MAX_WAITING_PER_UID + 1};
+        const std::string a = "client" + std::to_string(kept[3]), b2 = "client" + std::to_string(kept[4]);
+        order = {"block", "client0", a, "client1", b2, "client2", "after"};
+    }
+    for (size_t i = 0; i < waiting.size(); i++)
+        if (std::find(kept.begin(), kept.end(), i) == kept.end())
+            waiting[i]->close_now();
     fits.close_now();
     std::vector<std::thread> finishers;
-    for (int i = 0; i < 5; i++)
+    for (size_t i : kept)
         finishers.emplace_back([&, i] {
             RawClient& c = *waiting[i];
             ASSERT_EQ(c.next_type(10000), DV_DIRECTIVE_ACCEPT);
@@ -243,7 +280,6 @@ TEST(Service, WaitingClientsAreQueuedInOrderBoundedAndRefusedWhilePausedOrNotAdm
         t.join();
     EXPECT_EQ(call_status(name, "after"), DV_STATUS_OK);
     std::lock_guard<std::mutex> g(order_lock);
-    const std::vector<std::string> order = {"block", "client0", "client1", "client2", "client3", "client4", "after"};
     EXPECT_EQ(served, order);
 }
 
@@ -259,6 +295,28 @@ TEST(Client, StatusCodesTimeoutAndNothingLeftBehind)
     EXPECT_EQ(call_status("@" + dir.file("none.sock"), std::string(257, 'c')), DV_STATUS_ARGUMENTS);
     EXPECT_EQ(call_status(std::string(65, 's'), "x"), DV_STATUS_ARGUMENTS);
     EXPECT_EQ(dv_ez_call(nullptr, "x", nullptr, 0, nullptr, nullptr, 5, -1), DV_STATUS_ARGUMENTS);
+    // With no descriptor left for the memory file, the poller or the socket
+    // a call fails with a status; with all three it gets as far as connecting.
+    for (int spare = 0; spare <= 3; spare++) {
+        struct rlimit saved;
+        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+        const int top = open_fds().back();
+        const struct rlimit tight = {static_cast<rlim_t>(top + 1 + spare), saved.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+        std::vector<int> holes;  // free numbers below the highest, filled
+        for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) {
+            if (fd > top) {
+                close(fd);
+                break;
+            }
+            holes.push_back(fd);
+        }
+        const int status = call_status("@" + dir.file("none.sock"), "x");
+        for (int fd : holes)
+            close(fd);
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+        EXPECT_EQ(status, spare < 3 ? DV_STATUS_SOCKET : DV_STATUS_CONNECT) << spare << " spare";
+    }
     {
         BlockedService b;
         EXPECT_EQ(call_status(b.svc.name(), "hangup"), DV_STATUS_SOCKET);
@@ -271,22 +329,24 @@ TEST(Client, StatusCodesTimeoutAndNothingLeftBehind)
     expect_nothing_left(fds);
 }
 
-TEST(Client, OnePollerDrivesFiftyRequestsToTwoWorkers)
+// As many as one uid may have in flight at once: two running, the rest waiting.
+TEST(Client, OnePollerDrivesEighteenRequestsToTwoWorkers)
 {
+    constexpr int kRequests = 2 + DV_MAX_WAITING_PER_UID;
     TestService svc(echo_exec, DV_PTHREAD_MODE | DV_STANDALONE, 2);
     int fds = settled_fd_count();
     dv_epoll* ep = dv_epoll_create();
     std::vector<dv_io*> ios;
-    for (int i = 0; i < 50; i++) {
+    for (int i = 0; i < kRequests; i++) {
         ios.push_back(dv_io_create());
         dv_io_printf(ios[i], "request-%d", i);
         ios[i]->data = reinterpret_cast<void*>(static_cast<intptr_t>(i));
         ASSERT_EQ(dv_epoll_call(ep, svc.name().c_str(), ("cmd" + std::to_string(i)).c_str(), ios[i], -1), 0);
     }
     int done = 0;
-    std::vector<bool> seen(50, false);
+    std::vector<bool> seen(kRequests, false);
     for (auto deadline = std::chrono::steady_clock::now() + 20s;
-         done < 50 && std::chrono::steady_clock::now() < deadline;) {
+         done < kRequests && std::chrono::steady_clock::now() < deadline;) {
         int status = -1;
         dv_io* io = dv_epoll_perform(ep, 1000, &status);
         if (!io)
@@ -298,7 +358,7 @@ TEST(Client, OnePollerDrivesFiftyRequestsToTwoWorkers)
         EXPECT_EQ(reply_of(io), expected_echo("cmd" + std::to_string(i), "request-" + std::to_string(i)));
         done++;
     }
-    EXPECT_EQ(done, 50);
+    EXPECT_EQ(done, kRequests);
     for (dv_io* io : ios)
         dv_io_free(io);
     dv_epoll_free(ep);
