@@ -59,9 +59,11 @@ extern "C" {
 #define MAX_SIGNAL_SIZE 32
 #define DV_MAX_WAITING_CLIENTS 1000
 /* Clients of one uid that may wait in a service's queue at once; the next one
- * is told the service is busy. Waiting clients are served round robin across
- * uids, so that one user's connections cannot keep another's waiting. */
-#define DV_MAX_WAITING_PER_UID 16
+ * is told the service is busy. Enough for an app that keeps many calls in
+ * flight, and it leaves most of the queue to other users. Waiting clients are
+ * served round robin across uids, so that one user's connections cannot keep
+ * another's waiting. */
+#define DV_MAX_WAITING_PER_UID 128
 #define DV_DEFAULT_SOCKET_DIR "/var/run/dv"
 
 /* ---------------------------------------------------------------- wire format */
