@@ -90,7 +90,7 @@ TEST_F(AppTools, WebBoothRunsTheContainerShellForEachAction)
             EXPECT_EQ(decode_base64(parsed["result_out"].asString()).rfind("{\"id\":\"wb-", 0), 0u) << reply;
         }
     }
-    EXPECT_NE(daemon_->debug_log().find("] exec /usr/sbin/vesh succ, ret_out=[container wb-99 creating\n"),
+    EXPECT_NE(daemon_->debug_log().find("] exec /usr/sbin/vesh succ, ret_out=[container wb-99 creating\\n\\x01\xfe\\n]\n"),
               std::string::npos);
 }
 

@@ -95,8 +95,9 @@ TEST(DvStart, CreatesTheSocketDirectoryAndAWorldConnectableSocket)
     TempDir dir;
     for (const bool planted : {false, true}) {
         std::string path = dir.file("sub/svc.sock");
-        if (planted)
+        if (planted) {
             ASSERT_TRUE(write_text_file(path, "not a socket"));
+        }
         dv_handle* h = dv_create(("@" + path).c_str(), DV_PTHREAD_MODE | DV_STANDALONE, 1, noop_exec);
         dv_start(h);
         struct stat st;
