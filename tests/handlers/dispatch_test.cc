@@ -56,18 +56,21 @@ TEST(CommandTables, HoldEveryNameInTheirContractOrder)
 
 TEST(Dispatch, EachServiceAnswersFromItsOwnTable)
 {
-    HandlerService main_service(service_handler);
-    HandlerService mail_service(sendmail_service_handler);
+    // One at a time: each sets up the process's one debug log.
     int status = -1;
-    EXPECT_EQ(main_service.call("test", "", &status), kTestReply);
-    EXPECT_EQ(status, DV_STATUS_OK);
+    {
+        HandlerService main_service(service_handler);
+        EXPECT_EQ(main_service.call("test", "", &status), kTestReply);
+        EXPECT_EQ(status, DV_STATUS_OK);
+        // Each table knows only its own commands.
+        EXPECT_EQ(main_service.call("sendmail", "{}", &status), "");
+        EXPECT_EQ(status, DV_STATUS_SOCKET);
+    }
+    HandlerService mail_service(sendmail_service_handler);
     EXPECT_EQ(mail_service.call("test", "{}", &status),
               "{\"handler\":\"nox_test_sendmail_srv_handler\",\"service\":\"VexProServer_send_mail-vexprod\"}\n");
     EXPECT_EQ(status, DV_STATUS_OK);
-    // Each table knows only its own commands.
     EXPECT_EQ(mail_service.call("get_vpd_eepkey", "", &status), "");
-    EXPECT_EQ(status, DV_STATUS_SOCKET);
-    EXPECT_EQ(main_service.call("sendmail", "{}", &status), "");
     EXPECT_EQ(status, DV_STATUS_SOCKET);
 }
 
