@@ -14,6 +14,19 @@
 #include "daemon/scoped_fd.h"
 #include "platform/paths.h"
 
+namespace {
+
+int held = -1;
+
+}  // namespace
+
+void write_instance_pid()
+{
+    const std::string pid = std::to_string(getpid()) + "\n";
+    if (held < 0 || ftruncate(held, 0) != 0 || pwrite(held, pid.data(), pid.size(), 0) < 0)
+        DBG("%s: pid not written: %s", PATH_INSTANCE_LOCK, strerror(errno));
+}
+
 pid_t take_instance_lock(std::string& why)
 {
     const std::string path = platform_path(PATH_INSTANCE_LOCK);
@@ -40,10 +53,8 @@ pid_t take_instance_lock(std::string& why)
                 pid_t holder = got > 0 ? static_cast<pid_t>(strtol(text, nullptr, 10)) : 0;
                 return holder > 0 ? holder : -1;
             }
-            const std::string pid = std::to_string(getpid()) + "\n";
-            if (ftruncate(fd.get(), 0) != 0 || pwrite(fd.get(), pid.data(), pid.size(), 0) < 0)
-                DBG("%s: pid not written: %s", path.c_str(), strerror(errno));
-            fd.release();  // held until we exit
+            held = fd.release();  // until we exit
+            write_instance_pid();
             return 0;
         }
         DBG("%s is not a lock file of ours; replaced.", path.c_str());

@@ -12,3 +12,7 @@
 // the pid of the holder when another instance holds it (-1 when that cannot
 // be read); -2 when the file cannot be made ours, with why.
 pid_t take_instance_lock(std::string& why);
+
+// Writes our pid into the lock file again: after daemon() we are another
+// process, and the lock (kept across the fork) is ours.
+void write_instance_pid();

@@ -292,8 +292,8 @@ int main(int argc, char** argv)
         ignore_signal(sig);
 
     read_options(argc, argv);
-    if (g_IsDaemonize)
-        (void)!daemon(0, 0);
+    if (g_IsDaemonize && daemon(0, 0) == 0)
+        write_instance_pid();
 
     if (const std::string bad = unusable_socket_dir(); !bad.empty()) {
         DBG("socket directory unusable: %s.", bad.c_str());
