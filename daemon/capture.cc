@@ -8,7 +8,7 @@
 
 #include "daemon/runner.h"
 
-bool run_captured(const char* path, const char* const argv[], CapturedRun& run, size_t max_output)
+bool run_captured(const char* path, const char* const argv[], CapturedRun& run, size_t max_output, bool own_group)
 {
     const char* dir = getenv("TMPDIR");
     if (!dir || !*dir)
@@ -20,7 +20,8 @@ bool run_captured(const char* path, const char* const argv[], CapturedRun& run, 
 
     // The runner opens the file again by name (and truncates it); we read it
     // back through the descriptor that created it.
-    run.exec_status = dwe_vexprod_tarsk_exec_v(name.c_str(), nullptr, nullptr, path, argv);
+    run.exec_status = own_group ? dwe_vexprod_tarsk_exec_v_group(name.c_str(), path, argv)
+                                : dwe_vexprod_tarsk_exec_v(name.c_str(), nullptr, nullptr, path, argv);
     run.output.clear();
     char buf[4096];
     for (off_t at = 0; run.output.size() < max_output;) {

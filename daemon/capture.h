@@ -18,5 +18,8 @@ struct CapturedRun {
 // dwe_vexprod_tarsk_exec_v, standard output into a fresh file of our own
 // (mkostemp in $TMPDIR or /tmp; never a guessable name), standard error to
 // /dev/null. Reads at most max_output bytes of it back and removes it.
+// own_group: started with dwe_vexprod_tarsk_exec_v_group instead, killed
+// with its process group when the daemon stops.
 // False when no temporary file could be made; nothing ran then.
-bool run_captured(const char* path, const char* const argv[], CapturedRun& run, size_t max_output = SIZE_MAX);
+bool run_captured(const char* path, const char* const argv[], CapturedRun& run, size_t max_output = SIZE_MAX,
+                  bool own_group = false);

@@ -2,7 +2,10 @@
 // descriptor for the handler's lifetime, one joined thread per request.
 #include "daemon/dispatch.h"
 
+#include "daemon/audit.h"
+#include "daemon/caller_policy.h"
 #include "daemon/log.h"
+#include "daemon/reply.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -131,12 +134,39 @@ void dispatch_command(const T_COMMAND_ENTRY* table, size_t size, const char* nam
         dv_io_free(io);
 }
 
+namespace {
+
+// The caller's grant for the command, then the command, then one audit line.
+void serve_granted(const char* service, const T_COMMAND_ENTRY* table, size_t size, const char* name, dv_io* io,
+                   int fd)
+{
+    if (!io) {
+        dispatch_command(table, size, name, io, fd);
+        return;
+    }
+    RequestAudit audit(service, name, dv_io_pid(io), static_cast<unsigned>(dv_io_uid(io)));
+    if (caller_granted(service, name, static_cast<uid_t>(dv_io_uid(io)), static_cast<gid_t>(dv_io_gid(io)))) {
+        dv_io_set(io, &audit);
+        dispatch_command(table, size, name, io, fd);
+    } else {
+        // Let in for another command of this service: told so, nothing runs.
+        dv_reply_json("{\"error_msg\":\"permission denied\",\"result\":-1}\n", io);
+        audit.outcome = AuditOutcome::refused;
+        if (fd >= 0)
+            close(fd);
+        dv_io_free(io);
+    }
+    audit_request(audit);
+}
+
+}  // namespace
+
 void service_handler(const char* name, dv_io* io, int fd)
 {
-    dispatch_command(handler, handler_size, name, io, fd);
+    serve_granted(DV_SERVICE_NAME, handler, handler_size, name, io, fd);
 }
 
 void sendmail_service_handler(const char* name, dv_io* io, int fd)
 {
-    dispatch_command(sendmail_handler, sendmail_handler_size, name, io, fd);
+    serve_granted(DV_SEND_MAIL_SERVICE_NAME, sendmail_handler, sendmail_handler_size, name, io, fd);
 }

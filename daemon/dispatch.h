@@ -16,6 +16,11 @@ struct T_THREAD_ARGS {
     command_handler_fn handler;
 };
 
+inline constexpr const char DV_SERVICE_NAME[] = "VexProServer-vexprod";
+inline constexpr const char DV_SEND_MAIL_SERVICE_NAME[] = "VexProServer_send_mail-vexprod";
+
+// The callers' grants are checked and each request is audited (see
+// caller_policy.h, audit.h) before and after dispatch_command.
 // "VexProServer-vexprod", over the table `handler`.
 void service_handler(const char* name, dv_io* io, int fd);
 // "VexProServer_send_mail-vexprod", over the table `sendmail_handler`.

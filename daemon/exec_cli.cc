@@ -41,7 +41,8 @@ int exec_cli(std::string request, std::string* output)
     }
 
     CapturedRun run;
-    if (!run_captured(argv[0], argv.data(), run, EXEC_CLI_OUTPUT_MAX)) {
+    // Whatever it is, it must not outlive the daemon's stop.
+    if (!run_captured(argv[0], argv.data(), run, EXEC_CLI_OUTPUT_MAX, true)) {
         *output = "mkstemp fail.";
         return -1;
     }

@@ -4,8 +4,10 @@
 // the exec, and no descriptor has to be carried from one to the other.
 #include "daemon/exec_policy.h"
 
+#include <elf.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <regex.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -156,6 +158,64 @@ bool trusted_resolution(const std::string& program, std::string& why)
     return true;  // ends on a directory, which execve refuses
 }
 
+// Beyond the framework's list of shells and interpreters: more of them, and
+// programs whose job is to start another program of the caller's choosing.
+constexpr const char LAUNCHER_LIST[] =
+    "(^|/)(dash|env|perl.*|[gmn]?awk|find|xargs|ld-linux.*|ld[-.]so.*|ld-[^/]*\\.so.*|ruby.*|irb.*|lua.*|"
+    "tclsh.*|wish.*|node|nodejs|expect|gdb|strace|ltrace|nice|nohup|timeout|stdbuf|setsid|chroot|unshare|"
+    "nsenter|su|sudo|runuser|script|sed|vi|vim.*|ex|ed|less|more|man|make|tar|rsync|ssh|git|socat|flock|"
+    "watch|taskset|ionice|chrt|run-parts|start-stop-daemon|systemd-run|sg|newgrp|setpriv|capsh|busybox.*)$";
+
+bool launcher(const char* path)
+{
+    static regex_t re;
+    static const bool ready = regcomp(&re, LAUNCHER_LIST, REG_EXTENDED | REG_NOSUB) == 0;
+    return dv_blocked_program(path) || (ready && regexec(&re, path, 0, nullptr, 0) == 0);
+}
+
+// What the file is, as execve will see it: a script with an interpreter
+// line, or an ELF object without an interpreter of its own that is no
+// static program (the program loader itself, a shared library), which run
+// whatever program or code their arguments name.
+template <class Ehdr, class Phdr>
+bool loader_like(int fd, const Ehdr& eh)
+{
+    if (eh.e_type != ET_DYN)
+        return false;
+    for (unsigned i = 0; i < eh.e_phnum; ++i) {
+        Phdr ph;
+        const off_t at = static_cast<off_t>(eh.e_phoff + static_cast<uint64_t>(i) * eh.e_phentsize);
+        if (eh.e_phentsize != sizeof(ph) || pread(fd, &ph, sizeof(ph), at) != static_cast<ssize_t>(sizeof(ph)))
+            return true;
+        if (ph.p_type == PT_INTERP)
+            return false;
+    }
+    return true;
+}
+
+bool runs_other_code(const char* path, std::string& why)
+{
+    ScopedFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    union {
+        unsigned char bytes[EI_NIDENT];
+        Elf64_Ehdr e64;
+        Elf32_Ehdr e32;
+    } head = {};
+    if (!fd.ok() || pread(fd.get(), &head, sizeof(head), 0) < 2)
+        return false;
+    if (head.bytes[0] == '#' && head.bytes[1] == '!') {
+        why = "a script with an interpreter line";
+        return true;
+    }
+    if (memcmp(head.bytes, ELFMAG, SELFMAG) != 0)
+        return false;
+    const bool loader = head.bytes[EI_CLASS] == ELFCLASS64 ? loader_like<Elf64_Ehdr, Elf64_Phdr>(fd.get(), head.e64)
+                                                           : loader_like<Elf32_Ehdr, Elf32_Phdr>(fd.get(), head.e32);
+    if (loader)
+        why = "the program loader or a shared library";
+    return loader;
+}
+
 }  // namespace
 
 bool exec_cli_program(const std::string& request, std::string& program)
@@ -176,16 +236,20 @@ bool exec_cli_program(const std::string& request, std::string& program)
 
 bool exec_program_allowed(const std::string& program, std::string& why)
 {
-    if (dv_blocked_program(program.c_str())) {
-        why = "a shell or an interpreter";
+    if (launcher(program.c_str())) {
+        why = "a shell, an interpreter or a launcher of other programs";
         return false;
     }
     char resolved[PATH_MAX];
-    if (realpath(program.c_str(), resolved) && dv_blocked_program(resolved)) {
-        why = std::string("leads to ") + resolved + ", a shell or an interpreter";
+    const bool exists = realpath(program.c_str(), resolved) != nullptr;
+    if (exists && launcher(resolved)) {
+        why = std::string("leads to ") + resolved + ", a shell, an interpreter or a launcher of other programs";
         return false;
     }
-    return trusted_resolution(program, why);
+    if (!trusted_resolution(program, why))
+        return false;
+    // Read only once nobody but root can change what the path leads to.
+    return !(exists && runs_other_code(resolved, why));
 }
 
 bool trusted_script(const std::string& path, std::string& why)

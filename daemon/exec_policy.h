@@ -12,9 +12,13 @@ bool exec_cli_program(const std::string& request, std::string& program);
 
 // Whether a caller that is not root may have program run. Refused, with why
 // set, when the path as given or the file it reaches through symbolic links
-// matches the blocked-program list (shells, busybox, php, python), or when
-// any directory or link met on the way to it, or the file itself, could be
-// changed by a user other than root or us. A path that reaches nothing is
+// matches the blocked-program list (shells, busybox, php, python) or our
+// longer list of interpreters and programs that start others (env, perl,
+// awk, find, xargs, the program loader, ...); when any directory or link met
+// on the way to it, or the file itself, could be changed by a user other
+// than root or us; or when the file is a script with an interpreter line,
+// or an ELF object without an interpreter that is no static program (the
+// loader, a shared library). A path that reaches nothing is
 // allowed: it cannot run, and nobody but root or us could create it there.
 bool exec_program_allowed(const std::string& program, std::string& why);
 

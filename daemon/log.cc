@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <string>
 
 char cLogDirPath[256];
 char cLogFilePath[512];
@@ -27,8 +28,34 @@ constexpr size_t kLineSize = 2048;
 // ctime's "Www Mmm dd hh:mm:ss " without the year; the blank stays.
 constexpr size_t kTimeFieldLen = 20;
 
-int write_line(const char* path, const char* message)
+// Control characters become visible escapes, so that text from a request
+// can never start a line of its own. A trailing newline of a format may be
+// kept as it is: it only adds an empty line.
+std::string escaped(std::string_view message, bool keep_final_newline)
 {
+    std::string out;
+    for (size_t i = 0; i < message.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(message[i]);
+        if (c == '\n' && keep_final_newline && i + 1 == message.size()) {
+            out += '\n';
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if ((c < 0x20 && c != '\t') || c == 0x7f) {
+            char hex[8];
+            snprintf(hex, sizeof(hex), "\\x%02x", c);
+            out += hex;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+int write_line(const char* path, const char* raw)
+{
+    const std::string message = escaped(raw, true);
     log_file_rotation(path);
 
     time_t now = time(nullptr);
@@ -40,7 +67,7 @@ int write_line(const char* path, const char* message)
     if (!file)
         return 0;
     char line[kLineSize];
-    snprintf(line, sizeof(line), "[%05d] [%s] %s\n", static_cast<int>(getpid()), when, message);
+    snprintf(line, sizeof(line), "[%05d] [%s] %s\n", static_cast<int>(getpid()), when, message.c_str());
     fputs(line, file);
     return fclose(file);
 }
@@ -89,6 +116,14 @@ int dbg_printf(const char* path, const char* format, ...)
     vsnprintf(message, sizeof(message), format, ap);
     va_end(ap);
     return path ? write_line(path, message) : 0;
+}
+
+std::string log_text(std::string_view text, size_t max)
+{
+    std::string out = escaped(text.substr(0, max), false);
+    if (text.size() > max)
+        out += "...";
+    return out;
 }
 
 void log_file_rotation(const char* path)

@@ -4,6 +4,9 @@
 
 #include <sys/types.h>
 
+#include <string>
+#include <string_view>
+
 // Set once at start-up, before other threads log.
 extern char cLogDirPath[256];
 extern char cLogFilePath[512];
@@ -20,6 +23,12 @@ void dbg_printf2(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // The same line into an explicit file. The result of closing it, or 0 when it
 // could not be opened.
 int dbg_printf(const char* path, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// Text that came from a request, for a log line or syslog: cut to max
+// characters (with "..." when cut), control characters and NUL bytes
+// escaped. Every debug-log line escapes control characters itself as well.
+inline constexpr size_t LOG_TEXT_MAX = 128;
+std::string log_text(std::string_view text, size_t max = LOG_TEXT_MAX);
 
 // Moves path to path.bak (replacing an older one) once it reaches
 // LOG_ROTATE_SIZE bytes.

@@ -1,13 +1,17 @@
 // dwe-dv-vexprod: the app's root service daemon. Finds the app's install
 // directory, logs beneath it, refuses to run twice, serves the command and
-// mail services and forwards the two message queues until SIGINT or SIGTERM.
+// mail services to the callers its policy lets in and forwards the two
+// message queues until SIGINT or SIGTERM; SIGHUP reads the policy again.
 #include <dirent.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <linux/close_range.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/time.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,14 +19,18 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
+#include "daemon/caller_policy.h"
 #include "daemon/dispatch.h"
 #include "daemon/ini.h"
+#include "daemon/instance_lock.h"
 #include "daemon/log.h"
 #include "daemon/msgq.h"
 #include "daemon/queue_consumers.h"
-#include "daemon/reentry.h"
+#include "daemon/runner.h"
+#include "daemon/safe_files.h"
 #include "daemon/usage.h"
 #include "dv.h"
 #include "handlers/handlers.h"
@@ -30,8 +38,6 @@
 
 namespace {
 
-constexpr const char DV_SERVICE_NAME[] = "VexProServer-vexprod";
-constexpr const char DV_SEND_MAIL_SERVICE_NAME[] = "VexProServer_send_mail-vexprod";
 constexpr size_t DV_SERVER_THREAD_NUM = 2;
 constexpr size_t DV_SEND_MAIL_SERVER_THREAD_NUM = 5;
 // How long start-up waits for a service to be listening before it goes on.
@@ -43,6 +49,7 @@ constexpr rlim_t DV_SPARE_FDS = 512;
 
 bool g_IsDaemonize = false;
 volatile sig_atomic_t g_IsTerminate = 0;
+volatile sig_atomic_t g_reload_policy = 0;
 dv_handle* dv_service_handle = nullptr;
 dv_handle* dv_send_mail_service_handle = nullptr;
 T_MSGQ_service* msgq_obj = nullptr;
@@ -56,6 +63,14 @@ struct timespec sleep_timeout;
 void stop_service(int, siginfo_t*, void*)
 {
     g_IsTerminate = 1;
+    pthread_mutex_lock(&sleep_mtx);
+    pthread_cond_signal(&sleep_cond);
+    pthread_mutex_unlock(&sleep_mtx);
+}
+
+void reload_service(int, siginfo_t*, void*)
+{
+    g_reload_policy = 1;
     pthread_mutex_lock(&sleep_mtx);
     pthread_cond_signal(&sleep_cond);
     pthread_mutex_unlock(&sleep_mtx);
@@ -88,22 +103,37 @@ void start_detached(void* (*body)(void*))
         pthread_detach(thread);
 }
 
-// The stop handler takes sleep_mtx; the main thread keeps the stop signals
-// blocked while it holds that lock, so a signal delivered to it can never
-// deadlock on its own lock (another thread takes the signal instead).
+void apply_policy()
+{
+    load_caller_policy();
+    const std::optional<gid_t> senders = policy_sender_group();
+    for (T_MSGQ_service* queue : {msgq_obj, log_msgq_obj})
+        if (queue)
+            msgq_set_senders(queue->msqid, senders);
+}
+
+// The stop and reload handlers take sleep_mtx; the main thread keeps their
+// signals blocked while it holds that lock, so a signal delivered to it can
+// never deadlock on its own lock (another thread takes the signal instead).
 void sleep_until_terminated()
 {
     sigset_t stop_signals, old;
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGINT);
     sigaddset(&stop_signals, SIGTERM);
+    sigaddset(&stop_signals, SIGHUP);
     while (!g_IsTerminate) {
+        if (g_reload_policy) {
+            g_reload_policy = 0;
+            apply_policy();
+            continue;
+        }
         pthread_sigmask(SIG_BLOCK, &stop_signals, &old);
         gettimeofday(&sleep_now, nullptr);
         sleep_timeout.tv_sec = sleep_now.tv_sec + 10;
         sleep_timeout.tv_nsec = sleep_now.tv_usec * 1000;
         pthread_mutex_lock(&sleep_mtx);
-        if (!g_IsTerminate)
+        if (!g_IsTerminate && !g_reload_policy)
             pthread_cond_timedwait(&sleep_cond, &sleep_mtx, &sleep_timeout);
         pthread_mutex_unlock(&sleep_mtx);
         pthread_sigmask(SIG_SETMASK, &old, nullptr);
@@ -121,12 +151,17 @@ void stop_queue(T_MSGQ_service*& queue)
 
 [[noreturn]] void free_all_obj()
 {
+    // A program a caller had us start must not hold the stop up.
+    runner_kill_groups();
     dv_stop(dv_service_handle);
     DBG("is_terminate");
     stop_queue(msgq_obj);
     stop_queue(log_msgq_obj);
     dv_free(dv_service_handle);
     dv_service_handle = nullptr;
+    // Its listening socket ends with the process; its name goes now, so
+    // that no caller finds a socket nobody serves.
+    unlink(dv_send_mail_service_handle->sockfile);
     // The mail service is left to process exit. Leave without running
     // static destructors, which a mail request still in flight may need.
     fflush(nullptr);
@@ -171,6 +206,48 @@ void raise_fd_limit()
         DBG("raise RLIMIT_NOFILE to %llu fail, errno=%d", static_cast<unsigned long long>(lim.rlim_cur), errno);
 }
 
+// Start-up refusals: one line on stderr saying what is wrong and what to do.
+void refuse_start(const std::string& cause, const std::string& fix)
+{
+    fprintf(stderr, "dwe-dv-vexprod: %s; %s.\n", cause.c_str(), fix.c_str());
+}
+
+// The platform root is used after -d has changed to "/": a relative one
+// must be made absolute first.
+void absolute_platform_root()
+{
+    const char* root = getenv("VEXPROD_PLATFORM_ROOT");
+    char cwd[PATH_MAX];
+    if (root && *root && *root != '/' && getcwd(cwd, sizeof(cwd)))
+        setenv("VEXPROD_PLATFORM_ROOT", (std::string(cwd) + "/" + root).c_str(), 1);
+}
+
+// The socket directory is made when missing; it must be ours (root's on the
+// appliance) and closed to writes by others, who could otherwise replace
+// our sockets with their own. Empty when it is usable, or why not.
+std::string unusable_socket_dir()
+{
+    const char* dir = dv_socket_dir();
+    struct stat st;
+    if (lstat(dir, &st) != 0 && (errno != ENOENT || mkdir(dir, 0755) != 0 || lstat(dir, &st) != 0))
+        return std::string(dir) + ": " + strerror(errno);
+    if (!S_ISDIR(st.st_mode))
+        return std::string(dir) + " is not a directory";
+    if (!owned_by_us(st))
+        return std::string(dir) + " belongs to uid " + std::to_string(st.st_uid);
+    if (st.st_mode & (S_IWGRP | S_IWOTH))
+        return std::string(dir) + " is writable by group or others";
+    return "";
+}
+
+void ignore_signal(int sig)
+{
+    struct sigaction sa = {};
+    sa.sa_handler = SIG_IGN;
+    sigemptyset(&sa.sa_mask);
+    sigaction(sig, &sa, nullptr);
+}
+
 void read_options(int argc, char** argv)
 {
     opterr = 0;  // our own message below is the only one
@@ -200,11 +277,16 @@ int main(int argc, char** argv)
     if (int status = answer_usage_query(argc, argv); status >= 0)
         return status;
     unsetenv("LD_LIBRARY_PATH");
+    umask(022);
     keep_inherited_fds_from_children();
+    absolute_platform_root();
+    openlog("dwe-dv-vexprod", LOG_PID, LOG_AUTHPRIV);
 
     std::string install_path;
     if (!dv_get_ini_info(PATH_APPBOX_CONF, "VexProServer", "Install_Path", install_path)) {
-        fprintf(stderr, "[%s][%d] get Install_Path fail.", "main", __LINE__);
+        fprintf(stderr, "[%s][%d] get Install_Path fail.\n", "main", __LINE__);
+        refuse_start("no Install_Path in [VexProServer] of " + platform_path(PATH_APPBOX_CONF),
+                     "install the app, or set VEXPROD_PLATFORM_ROOT to a platform root whose registry has it");
         exit(-1);
     }
     char log_dir[256];
@@ -213,26 +295,44 @@ int main(int argc, char** argv)
     DBG("dwe-dv-vexprod start, Server:%s.", DV_SERVICE_NAME);
     raise_fd_limit();
 
-    if (dv_reentried(argv[0])) {
+    std::string why;
+    const pid_t holder = take_instance_lock(why);
+    if (holder != 0) {
         DBG("warning: re-entry.");
+        if (holder == -2)
+            refuse_start(why, "make it a file of root's, or remove it");
+        else
+            refuse_start("another instance runs (pid " + (holder > 0 ? std::to_string(holder) : "unknown") + ")",
+                         "stop it first");
         exit(-1);
     }
+    load_caller_policy();
 
     dv_signal(SIGINT, stop_service);
     dv_signal(SIGTERM, stop_service);
+    dv_signal(SIGHUP, reload_service);
     dv_signal(SIGSEGV, dump_backtrace_service);
     dv_signal(SIGABRT, dump_backtrace_service);
+    // Signals that would end us without the orderly stop.
+    for (int sig : {SIGUSR1, SIGUSR2, SIGPIPE})
+        ignore_signal(sig);
 
     read_options(argc, argv);
-    if (g_IsDaemonize)
-        (void)!daemon(0, 0);
+    if (g_IsDaemonize && daemon(0, 0) == 0)
+        write_instance_pid();
     reclaim_mail_dirs();
 
+    if (const std::string bad = unusable_socket_dir(); !bad.empty()) {
+        DBG("socket directory unusable: %s.", bad.c_str());
+        refuse_start(bad, "make it a directory of root's that only root can write, or set DV_SOCKET_DIR");
+        exit(-2);
+    }
     dv_service_handle = dv_create(DV_SERVICE_NAME, DV_PTHREAD_MODE, DV_SERVER_THREAD_NUM, service_handler);
     if (!dv_service_handle) {
         DBG("dv_service_handle is NULL.");
         exit(-2);
     }
+    dv_set_admit(dv_service_handle, admit_caller, nullptr);
     DBG("sock_name:%s.", dv_service_handle->sockfile);
 
     dv_send_mail_service_handle =
@@ -241,6 +341,7 @@ int main(int argc, char** argv)
         DBG("dv_send_mail_service_handle is NULL.");
         exit(-2);
     }
+    dv_set_admit(dv_send_mail_service_handle, admit_caller, nullptr);
     DBG("send_mail_sock_name:%s, DV_SEND_MAIL_SERVER_THREAD_NUM:%d.", dv_send_mail_service_handle->sockfile,
         static_cast<int>(DV_SEND_MAIL_SERVER_THREAD_NUM));
 
@@ -250,6 +351,7 @@ int main(int argc, char** argv)
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGINT);
     sigaddset(&stop_signals, SIGTERM);
+    sigaddset(&stop_signals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &stop_signals, &old);
     msgq_reclaim(NOTIFY_MSGQ_KEY);
     msgq_reclaim(EVENTLOG_MSGQ_KEY);
@@ -258,6 +360,8 @@ int main(int argc, char** argv)
     log_msgq_obj = new T_MSGQ_service(EVENTLOG_MSGQ_KEY, eventlog_handler, EVENTLOG_MSG_SIZE);
     log_msgq_obj->server_start();
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    for (T_MSGQ_service* queue : {msgq_obj, log_msgq_obj})
+        msgq_set_senders(queue->msqid, policy_sender_group());
 
     start_detached(pthread_dv_start);
     start_detached(pthread_dv_send_mail_start);

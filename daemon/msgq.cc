@@ -26,7 +26,7 @@ bool stop_requested(bool& flag)
 T_MSGQ_service::T_MSGQ_service(int key, msg_handler handler, unsigned long msg_size)
     : thread(0), msg_size(msg_size), msqid(-1), key(key), stop(false), handler(handler)
 {
-    msqid = msgget(key, IPC_CREAT | 0644);
+    msqid = msgget(key, IPC_CREAT | MSGQ_MODE);
 }
 
 T_MSGQ_service::~T_MSGQ_service() = default;
@@ -121,7 +121,7 @@ void msgq_reclaim(int key)
                 DBG("msgget key:%d fail: %s", key, strerror(errno));
                 return;
             }
-            if (msgget(key, IPC_CREAT | IPC_EXCL | 0644) != -1 || errno != EEXIST)
+            if (msgget(key, IPC_CREAT | IPC_EXCL | MSGQ_MODE) != -1 || errno != EEXIST)
                 return;
             continue;
         }
@@ -143,6 +143,17 @@ void msgq_reclaim(int key)
             static_cast<unsigned>(ds.msg_perm.uid), static_cast<unsigned>(ds.msg_perm.cuid));
     }
     DBG("queue key:%d keeps being made by someone else", key);
+}
+
+void msgq_set_senders(int msqid, std::optional<gid_t> senders)
+{
+    struct msqid_ds ds;
+    if (msqid == -1 || msgctl(msqid, IPC_STAT, &ds) != 0)
+        return;
+    ds.msg_perm.gid = senders ? *senders : getegid();
+    ds.msg_perm.mode = senders ? MSGQ_MODE_SENDERS : MSGQ_MODE;
+    if (msgctl(msqid, IPC_SET, &ds) != 0)
+        DBG("msgctl IPC_SET msqid:%d fail: %s", msqid, strerror(errno));
 }
 
 int T_MSGQ_service::send_msg(int key, void* msg, unsigned long size)

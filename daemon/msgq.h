@@ -5,7 +5,10 @@
 
 #include <pthread.h>
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <optional>
 
 // Results of T_MSGQ_service::send_msg, as callers have always tested them.
 inline constexpr int MSGQ_SEND_OK = 0;
@@ -15,6 +18,15 @@ inline constexpr int MSGQ_SEND_FAILED = 102;         // msgsnd failed, e.g. the 
 
 // A message is a `long` type (8 bytes) followed by msg_size text bytes.
 inline constexpr unsigned long MSGQ_TYPE_SIZE = sizeof(long);
+
+// Queues are ours alone (0644 would let any user take the records off them),
+// or let one group send (0620) when the caller policy names it.
+inline constexpr int MSGQ_MODE = 0600;
+inline constexpr int MSGQ_MODE_SENDERS = 0620;
+
+// Sets the queue's group and mode: senders' group with MSGQ_MODE_SENDERS,
+// or our own group with MSGQ_MODE. A failure is logged.
+void msgq_set_senders(int msqid, std::optional<gid_t> senders);
 
 // Before a daemon's queue object is made for key: a queue there that
 // another user owns or created is removed (with a log line), since its
@@ -27,7 +39,7 @@ class T_MSGQ_service {
 public:
     using msg_handler = void (*)(void*);
 
-    // Opens or creates the queue at key (mode 0644). A failed msgget is not
+    // Opens or creates the queue at key (mode MSGQ_MODE). A failed msgget is not
     // reported: msqid stays -1 and the receiver's every msgrcv fails.
     T_MSGQ_service(int key, msg_handler handler, unsigned long msg_size);
     // Does nothing: stop the receiver with server_stop first.

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "daemon/audit.h"
 #include "daemon/log.h"
 
 namespace {
@@ -24,6 +25,7 @@ void dv_reply_json(std::string reply, dv_io* io)
 {
     if (!io || !dv_io_alive(io))
         return;
+    audit_reply(io, reply);
     dv_io_realloc(io, 0);
     dv_io_printf(io, "%s", reply.c_str());
     dv_reply(io);

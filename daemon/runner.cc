@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -42,6 +43,12 @@ struct pid_list {
 // pipes because every one of them is close-on-exec.
 pid_list* pidlist = nullptr;
 std::mutex pidlist_mutex;
+
+// Children that lead process groups of their own, until they are reaped;
+// once the daemon stops, no more are started.
+std::mutex groups_mutex;
+std::vector<pid_t> groups;
+bool groups_stopped = false;
 
 const char* or_null(const char* s)
 {
@@ -110,7 +117,8 @@ enum class spawn_result { started, not_executed, no_process };
 
 // Starts path with in, out and err (each >= 3, or -1 to keep the daemon's
 // own) as the child's descriptors 0, 1 and 2.
-spawn_result spawn(const char* path, const char* const argv[], int in, int out, int err, pid_t* pid)
+spawn_result spawn(const char* path, const char* const argv[], int in, int out, int err, pid_t* pid,
+                   bool own_group = false)
 {
     std::vector<char*> env;
     posix_spawn_file_actions_t actions;
@@ -131,19 +139,25 @@ spawn_result spawn(const char* path, const char* const argv[], int in, int out, 
         if (sources[target] >= 0)
             rc = posix_spawn_file_actions_adddup2(&actions, sources[target], target);
 
-    // The daemon ignores SIGPIPE and its threads may block signals; a tool
-    // must not inherit either, or a reader that stops early would leave it
-    // writing into a closed pipe forever and pclose would never return.
-    sigset_t empty, pipe_only;
+    // The daemon ignores SIGPIPE (and SIGUSR1, SIGUSR2) and its threads may
+    // block signals; a tool must not inherit either, or a reader that stops
+    // early would leave it writing into a closed pipe forever and pclose
+    // would never return.
+    sigset_t empty, ignored;
     sigemptyset(&empty);
-    sigemptyset(&pipe_only);
-    sigaddset(&pipe_only, SIGPIPE);
+    sigemptyset(&ignored);
+    sigaddset(&ignored, SIGPIPE);
+    sigaddset(&ignored, SIGUSR1);
+    sigaddset(&ignored, SIGUSR2);
     if (rc == 0)
         rc = posix_spawnattr_setsigmask(&attr, &empty);
     if (rc == 0)
-        rc = posix_spawnattr_setsigdefault(&attr, &pipe_only);
+        rc = posix_spawnattr_setsigdefault(&attr, &ignored);
+    if (rc == 0 && own_group)
+        rc = posix_spawnattr_setpgroup(&attr, 0);
     if (rc == 0)
-        rc = posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+        rc = posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
+                                                 (own_group ? POSIX_SPAWN_SETPGROUP : 0));
 
     spawn_result result = spawn_result::no_process;
     if (rc == 0) {
@@ -171,6 +185,20 @@ int wait_child(pid_t pid)
     return status;
 }
 
+// A child of a group of its own: waited for without reaping it, so that its
+// pid (the group's id) cannot be reused while the list still names it.
+int wait_group_leader(pid_t pid)
+{
+    siginfo_t info;
+    while (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+    }
+    {
+        std::lock_guard<std::mutex> lock(groups_mutex);
+        groups.erase(std::remove(groups.begin(), groups.end(), pid), groups.end());
+    }
+    return wait_child(pid);
+}
+
 // argv for the variadic forms: the base name of path, then the arguments.
 bool collect_args(const char* path, va_list ap, std::vector<const char*>& argv)
 {
@@ -190,7 +218,7 @@ bool collect_args(const char* path, va_list ap, std::vector<const char*>& argv)
 // forms taking an input file write.
 int run_and_wait(bool trace_stdin, const char* stdin_file, const char* stdout_file,
                  const char* stderr_file, const char* log_file, const char* path,
-                 const char* const argv[])
+                 const char* const argv[], bool own_group = false)
 {
     if (!path || !argv)
         return -1;
@@ -248,7 +276,17 @@ int run_and_wait(bool trace_stdin, const char* stdin_file, const char* stdout_fi
         fclose(trace);
 
     pid_t pid = 0;
-    spawn_result started = spawn(path, argv, in.get(), out.get(), err.get(), &pid);
+    spawn_result started = spawn_result::no_process;
+    if (own_group) {
+        std::lock_guard<std::mutex> lock(groups_mutex);
+        if (groups_stopped)
+            return -1;
+        started = spawn(path, argv, in.get(), out.get(), err.get(), &pid, true);
+        if (started == spawn_result::started)
+            groups.push_back(pid);
+    } else {
+        started = spawn(path, argv, in.get(), out.get(), err.get(), &pid);
+    }
     in.reset();
     out.reset();
     err.reset();
@@ -260,7 +298,7 @@ int run_and_wait(bool trace_stdin, const char* stdin_file, const char* stdout_fi
     case spawn_result::started:
         break;
     }
-    return wait_child(pid);
+    return own_group ? wait_group_leader(pid) : wait_child(pid);
 }
 
 }  // namespace
@@ -276,6 +314,19 @@ int dwe_vexprod_tarsk_exec_v(const char* stdout_file, const char* stderr_file,
                              const char* log_file, const char* path, const char* const argv[])
 {
     return run_and_wait(false, nullptr, stdout_file, stderr_file, log_file, path, argv);
+}
+
+int dwe_vexprod_tarsk_exec_v_group(const char* stdout_file, const char* path, const char* const argv[])
+{
+    return run_and_wait(false, nullptr, stdout_file, nullptr, nullptr, path, argv, true);
+}
+
+void runner_kill_groups()
+{
+    std::lock_guard<std::mutex> lock(groups_mutex);
+    groups_stopped = true;
+    for (pid_t leader : groups)
+        kill(-leader, SIGKILL);
 }
 
 int dwe_vexprod_tarsk_exec(const char* stdout_file, const char* stderr_file,

@@ -33,6 +33,15 @@ int dwe_vexprod_tarsk_exec_v_v2(const char* stdin_file, const char* stdout_file,
                                 const char* stderr_file, const char* log_file,
                                 const char* path, const char* const argv[]);
 
+// As dwe_vexprod_tarsk_exec_v with no standard error and no trace, for a
+// program a caller chose: the child leads a process group of its own, which
+// runner_kill_groups() kills whole when the daemon stops. -1 without
+// starting anything once that has happened.
+int dwe_vexprod_tarsk_exec_v_group(const char* stdout_file, const char* path, const char* const argv[]);
+// Kills (SIGKILL) every such group still running and starts no more, so that
+// no program a caller started can hold the daemon's stop up.
+void runner_kill_groups();
+
 // mode is exactly "r" (read the child's standard output; its input is
 // stdin_file or the daemon's) or "w" (write the child's standard input; its
 // output is stdout_file or /dev/null). Anything else sets errno to EINVAL.

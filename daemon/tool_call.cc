@@ -2,6 +2,9 @@
 // output reply shared by the app-side commands.
 #include "daemon/tool_call.h"
 
+#include <algorithm>
+#include <cctype>
+
 #include "daemon/handler_kit.h"
 #include "daemon/json.h"
 #include "daemon/log.h"
@@ -88,6 +91,19 @@ const Json::Value& JsonFields::list(const char* key)
     return empty;
 }
 
+std::string masked(const std::string& arg)
+{
+    const size_t eq = arg.find('=');
+    if (eq == std::string::npos)
+        return arg;
+    std::string key = arg.substr(0, eq);
+    std::transform(key.begin(), key.end(), key.begin(), [](unsigned char c) { return std::tolower(c); });
+    for (const char* secret : {"token", "pw", "pass", "secret"})
+        if (key.find(secret) != std::string::npos)
+            return arg.substr(0, eq + 1) + "***";
+    return arg;
+}
+
 std::vector<std::string> tool_argv(std::string_view program, std::initializer_list<std::string> args)
 {
     std::vector<std::string> argv;
@@ -108,10 +124,11 @@ int run_tool(const std::string& program, const std::vector<std::string>& argv, C
     ptrs.push_back(nullptr);
 
     for (size_t i = 0; i < ptrs.size(); ++i) {
+        const std::string shown = ptrs[i] ? masked(ptrs[i]) : "(null)";
         if (log == ArgvLog::elements_and_end)
-            dbg_printf2("[%s][%d] argv[%d] = [%s] ", handler, line, static_cast<int>(i), ptrs[i] ? ptrs[i] : "(null)");
+            dbg_printf2("[%s][%d] argv[%d] = [%s] ", handler, line, static_cast<int>(i), shown.c_str());
         else if (ptrs[i])
-            dbg_printf2("[%s][%d] argv[%d] = [%s]", handler, line, static_cast<int>(i), ptrs[i]);
+            dbg_printf2("[%s][%d] argv[%d] = [%s]", handler, line, static_cast<int>(i), shown.c_str());
     }
 
     run = CapturedRun();

@@ -65,6 +65,11 @@ std::vector<std::string> tool_argv(std::string_view program, std::initializer_li
 // How run_tool logs the vector: one "argv[%d] = [%s]" line per element, or,
 // as the reverse proxy always has, lines ending in a blank and one more for
 // the terminating null slot.
+// An argument as the debug log shows it: "KEY=value" with a KEY that names
+// a token, password or secret keeps only "KEY=***". The program still gets
+// the whole argument.
+std::string masked(const std::string& arg);
+
 enum class ArgvLog { elements, elements_and_end };
 
 // Logs argv under the handler's name, then runs program (a path as on the

@@ -156,6 +156,11 @@ void adopt_environment(pid_t pid)
         if (!eq || eq == entry)
             continue;
         *eq = '\0';
+        // The caller's environment is its own business, except what would
+        // steer the loader of a program we start for it.
+        if (strncmp(entry, "LD_", 3) == 0 || strcmp(entry, "GCONV_PATH") == 0 ||
+            strcmp(entry, "MALLOC_TRACE") == 0 || strcmp(entry, "GLIBC_TUNABLES") == 0)
+            continue;
         setenv(entry, eq + 1, 1);
     }
     free(text);

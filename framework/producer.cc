@@ -373,8 +373,9 @@ void dv_producer_worker_init(dv_handle* h, dv_worker* producer)
             mkdir(parent.c_str(), 0755);
         }
     } else if (!S_ISSOCK(st.st_mode)) {
-        dv_abort("[ABORT] @%s() %s is not a sock file: `%s'\n", "dv_producer_worker_init", h->sockfile,
-                 "S_ISSOCK(st.st_mode)");
+        // Whoever could plant it there could also remove it: it is not a
+        // reason to leave the service down.
+        fprintf(stderr, "[Dovel] [WARN] [%s] %s is not a sock file; removed.\n", h->name, h->sockfile);
     }
     unlink(h->sockfile);
 

@@ -45,6 +45,10 @@ inline constexpr const char PATH_STUNNEL_PEM[] = "/etc/stunnel/stunnel.pem";
 inline constexpr const char PATH_APACHE_SYS_PROXY_CONF[] = "/etc/apache-sys-proxy.conf";
 inline constexpr const char PATH_REVERSEPROXY_CONF[] = "/etc/reverseproxy_vexpro/reverseproxy-vexpro.conf";
 inline constexpr const char PATH_REVERSEPROXY_PID[] = "/var/lock/apache_reverse_proxy_vexpro.pid";
+// Who besides root may call the daemon (see README, "Callers").
+inline constexpr const char PATH_CALLER_POLICY[] = "/etc/config/dwe_dv_vexprod.policy";
+// Held (flock) by the running daemon: the single-instance test.
+inline constexpr const char PATH_INSTANCE_LOCK[] = "/var/lock/dwe_dv_vexprod.lock";
 
 // Files and directories the daemon writes.
 inline constexpr const char PATH_IP_BAN_LIST[] = "/etc/default_config/apache/extra/vexcms_ip_ban_list.conf";
@@ -65,7 +69,6 @@ inline constexpr const char PATH_APP_APPCENTER_SCRIPT[] = "script/operate_appbox
 inline constexpr const char PATH_CMV_CLI[] = "bin/conf_get"; // under the media viewer's Install_Path
 
 // The system's own programs: run as they are, never under the platform root.
-inline constexpr const char PATH_BIN_SH[] = "/bin/sh";
 inline constexpr const char PATH_BIN_MV[] = "/bin/mv";
 
 // Passed to platform programs as arguments only.

@@ -1,12 +1,15 @@
 // Notifications and small queries: forwarding a notification to the app's
-// wrapper script, a cloud-gateway folder's usage figure, the model-line
+// wrapper script (run directly, never through a shell), a cloud-gateway folder's usage figure, the model-line
 // query, and handing a notification result back to the app's notify script.
 #include <cstdio>
+#include <cstring>
 #include <string>
+#include <vector>
 
 #include "daemon/handler_kit.h"
 #include "daemon/log.h"
 #include "daemon/runner.h"
+#include "daemon/strutil.h"
 #include "handlers/handlers.h"
 #include "platform/paths.h"
 
@@ -28,6 +31,31 @@ bool app_file(const char* relative, size_t size, std::string& path)
     return true;
 }
 
+// The value's words as the wrapper has always received them from a shell
+// line: split on blanks and tabs. A value holding anything else a shell
+// would act on is refused, since no shell is run: the wrapper would see it
+// differently from before, and a caller could mean it as a command.
+bool shell_words(const std::string& value, std::vector<std::string>& words)
+{
+    for (const char c : value) {
+        const unsigned char u = static_cast<unsigned char>(c);
+        if ((u < 0x20 && c != '\t') || u == 0x7f || strchr(";|&<>()$`\\\"'*?[]#~=", c))
+            return false;
+    }
+    words = str_split_to_vector(value, " \t", true);
+    return true;
+}
+
+// The wrapper itself, its words as arguments: no shell in between.
+int run_wrapper(const std::string& script, const std::vector<std::string>& words)
+{
+    std::vector<const char*> argv = {strrchr(PATH_APP_NC_WRAPPER, '/') + 1};
+    for (const std::string& word : words)
+        argv.push_back(word.c_str());
+    argv.push_back(nullptr);
+    return dwe_vexprod_tarsk_exec_v(nullptr, nullptr, nullptr, script.c_str(), argv.data());
+}
+
 }  // namespace
 
 void nox_system_call_nc_notify_handler(dv_io* io, int)
@@ -37,14 +65,11 @@ void nox_system_call_nc_notify_handler(dv_io* io, int)
     if (fetch_request_args(io, reply, {{"nc_notify", &nc_notify}})) {
         std::string script;
         int status = -1;
-        if (app_file(PATH_APP_NC_WRAPPER, 512, script)) {
-            // The one command line that goes through a shell: the value is
-            // inserted unquoted, so its words reach the wrapper as separate
-            // arguments, which is what the app sends it for.
-            char line[4096] = {};
-            snprintf(line, sizeof(line), "%s %s", script.c_str(), nc_notify.c_str());
-            status = dwe_vexprod_tarsk_exec(nullptr, nullptr, nullptr, PATH_BIN_SH, "-c", line, nullptr);
-        }
+        std::vector<std::string> words;
+        if (!shell_words(nc_notify, words))
+            DBG("nc_notify holds what a shell would interpret: [%s]; nothing run.", log_text(nc_notify).c_str());
+        else if (app_file(PATH_APP_NC_WRAPPER, 512, script))
+            status = run_wrapper(script, words);
         if (status == 0)
             reply["result"] = 0;
         else

@@ -58,7 +58,8 @@ TEST(ExecProgram, RefusesShellsInterpretersAndWhatOthersCouldSwap)
     }
 
     const std::pair<std::string, std::string> refused[] = {
-        {tmp.file("calc"), "leads to /usr/bin/bash, a shell or an interpreter"},
+        {tmp.file("calc"), "leads to /usr/bin/bash, a shell, an interpreter or a launcher of other programs"},
+        {"/usr/bin/env", "a shell, an interpreter or a launcher of other programs"},
         {tmp.file("echo"), "/tmp is writable by group or others"},
         {"/proc/" + std::to_string(getpid()) + "/exe", "/proc/" + std::to_string(getpid()) + "/exe is a link of /proc"},
     };
@@ -96,6 +97,8 @@ TEST_F(TrustedTree, AProgramIsTrustedOnlyWhileNobodyElseCanChangeIt)
     fs::create_symlink("echo", dir_ + "/echo-link");
     fs::create_symlink("a", dir_ + "/b");
     fs::create_symlink("b", dir_ + "/a");
+    fs::copy_file("/lib64/ld-linux-x86-64.so.2", dir_ + "/loader");
+    ASSERT_TRUE(write_text_file(dir_ + "/tool", "#!/bin/sh\necho\n"));
     std::string why;
     EXPECT_TRUE(exec_program_allowed(echo, why)) << why;
     EXPECT_TRUE(exec_program_allowed(dir_ + "/echo-link", why)) << why;
@@ -109,6 +112,8 @@ TEST_F(TrustedTree, AProgramIsTrustedOnlyWhileNobodyElseCanChangeIt)
         {echo, 0775, echo, echo + " is writable by group or others"},
         {dir_, 0757, dir_ + "/echo-link", dir_ + " is writable by group or others"},
         {dir_, 0755, dir_ + "/a", dir_ + "/a: too many levels of symbolic links"},
+        {dir_, 0755, dir_ + "/loader", "the program loader or a shared library"},
+        {dir_, 0755, dir_ + "/tool", "a script with an interpreter line"},
     };
     for (const auto& c : cases) {
         chmod(c.loosen.c_str(), c.mode);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/msg.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -48,13 +49,6 @@ pid_t spawn_named(const std::string& link, const std::string& target, std::vecto
     return posix_spawn(&pid, link.c_str(), nullptr, nullptr, argv.data(), envp.data()) == 0 ? pid : -1;
 }
 
-// The exit code of a child of ours, or -1 when it did not exit.
-int exit_code(pid_t pid)
-{
-    int status = 0;
-    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 TEST(Daemon, ServesBothServicesAndStopsInOrderOnSigterm)
 {
     SimRoot root;
@@ -65,6 +59,14 @@ TEST(Daemon, ServesBothServicesAndStopsInOrderOnSigterm)
               "{\"handler\":\"nox_test_sendmail_srv_handler\",\"service\":\"VexProServer_send_mail-vexprod\"}\n");
     EXPECT_TRUE(queue_exists(65521));
     EXPECT_TRUE(queue_exists(65522));
+    // Reloading, and signals that would kill it without the orderly stop.
+    for (int sig : {SIGHUP, SIGUSR1, SIGUSR2, SIGPIPE})
+        kill(d.pid(), sig);
+    EXPECT_EQ(d.call("test", "{}"), kTestReply);
+    // A program started for a caller does not hold the stop up.
+    int status = -1;
+    d.call("exec_cli", R"({"command":["/bin/sleep","60"]})", &status, -1, 1);
+    EXPECT_EQ(status, 1);
 
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(d.stop(SIGTERM), 0);
@@ -72,6 +74,7 @@ TEST(Daemon, ServesBothServicesAndStopsInOrderOnSigterm)
     EXPECT_FALSE(queue_exists(65521));
     EXPECT_FALSE(queue_exists(65522));
     EXPECT_FALSE(file_exists(d.command_socket()));
+    EXPECT_FALSE(file_exists(d.mail_socket()));
 
     const std::string log = d.debug_log();
     for (const std::string& line : std::vector<std::string>{
@@ -105,57 +108,54 @@ TEST(Daemon, TestOptionOrAMissingInstallPathEndItAtOnce)
 
     std::string conf = root.read_file("/etc/config/appbox.conf");
     ASSERT_NE(conf.find("Install_Path"), std::string::npos);
+    // A socket directory others may write into: refused, with the reason.
+    DaemonProcess open_dir(root);
+    ASSERT_EQ(chmod(open_dir.socket_dir().c_str(), 0777), 0);
+    ASSERT_GT(open_dir.spawn(), 0);
+    EXPECT_EQ(open_dir.wait(5000), 254);
+    EXPECT_EQ(open_dir.stderr_text(), "dwe-dv-vexprod: " + open_dir.socket_dir() +
+                                          " is writable by group or others; make it a directory of root's that only "
+                                          "root can write, or set DV_SOCKET_DIR.\n");
+
     root.write_file("/etc/config/appbox.conf", conf.replace(conf.find("Install_Path"), 12, "Installed_At"));
     DaemonProcess d(root);
     ASSERT_GT(d.spawn(), 0);
     EXPECT_EQ(d.wait(5000), 255);
     std::string err = d.stderr_text();
     EXPECT_EQ(err.rfind("[main][", 0), 0u) << err;
-    EXPECT_EQ(err.substr(err.find(']', 7)), "] get Install_Path fail.");
+    EXPECT_EQ(err.substr(err.find(']', 7)),
+              "] get Install_Path fail.\ndwe-dv-vexprod: no Install_Path in [VexProServer] of " + root.path() +
+                  "/etc/config/appbox.conf; install the app, or set VEXPROD_PLATFORM_ROOT to a platform root whose "
+                  "registry has it.\n");
     EXPECT_FALSE(queue_exists(65521));
 }
 
-TEST(Daemon, ASecondInstanceIsRefusedButAZombieIsNot)
+// A second daemon on the same root is refused, whatever it is called; a
+// process named after the daemon (anyone can name one so) is no instance.
+TEST(Daemon, ASecondInstanceIsRefusedButAProcessOfTheSameNameIsNot)
 {
     SimRoot root;
-    DaemonProcess first(root);
-    ASSERT_TRUE(first.start());
-
-    // The same program name started again, with a socket directory of its own.
     TempDir bin;
-    const std::vector<std::string> env = {"VEXPROD_PLATFORM_ROOT=" + root.path(), "DV_SOCKET_DIR=" + bin.path()};
-    pid_t again = spawn_named(bin.file(first.program()), daemon_binary(), {}, env);
-    ASSERT_GT(again, 0);
-    EXPECT_EQ(exit_code(again), 255);
+    pid_t namesake = spawn_named(bin.file("dwe-dv-vexprod"), "/bin/sleep", {"30"}, {});
+    ASSERT_GT(namesake, 0);
+    DaemonProcess first(root);
+    ASSERT_TRUE(first.start()) << first.stderr_text();
+    kill(namesake, SIGKILL);
+    waitpid(namesake, nullptr, 0);
+
+    DaemonProcess again(root);
+    ASSERT_GT(again.spawn(), 0);
+    EXPECT_EQ(again.wait(5000), 255);
     EXPECT_NE(first.debug_log().find("] warning: re-entry.\n"), std::string::npos);
+    EXPECT_EQ(again.stderr_text(),
+              "dwe-dv-vexprod: another instance runs (pid " + std::to_string(first.pid()) + "); stop it first.\n");
     // It stopped before creating anything: no socket in its directory.
-    EXPECT_FALSE(file_exists(bin.file("5CE64BBA.sock")));
+    EXPECT_FALSE(file_exists(again.command_socket()));
     EXPECT_EQ(first.call("test", "{}"), kTestReply);
     EXPECT_EQ(first.stop(), 0);
-
-    // A zombie of the same name does not count.
-    DaemonProcess second(root);
-    pid_t zombie = spawn_named(bin.file(second.program()), "/bin/true", {}, {});
-    ASSERT_GT(zombie, 0);
-    ASSERT_TRUE(eventually([&] {
-        return read_text_file("/proc/" + std::to_string(zombie) + "/stat").find(") Z ") != std::string::npos;
-    }));
-    ASSERT_TRUE(second.start()) << second.stderr_text();
-    EXPECT_EQ(second.stop(), 0);
-    waitpid(zombie, nullptr, 0);
-}
-
-TEST(Daemon, LongProgramNamesMatchOnFifteenCharacters)
-{
-    SimRoot root;
-    TempDir bin;
-    // A live process whose name shares the first 15 characters.
-    pid_t other = spawn_named(bin.file("vexprodlongname-sleeper"), "/bin/sleep", {"30"}, {});
-    ASSERT_GT(other, 0);
-    const std::vector<std::string> env = {"VEXPROD_PLATFORM_ROOT=" + root.path(), "DV_SOCKET_DIR=" + bin.path()};
-    EXPECT_EQ(exit_code(spawn_named(bin.file("vexprodlongname-daemon"), daemon_binary(), {}, env)), 255);
-    kill(other, SIGKILL);
-    waitpid(other, nullptr, 0);
+    // The lock ends with its holder.
+    ASSERT_TRUE(again.start()) << again.stderr_text();
+    EXPECT_EQ(again.stop(), 0);
 }
 
 TEST(Daemon, ACrashLeavesABacktraceInTheDebugLogAndKillsTheProcess)

@@ -321,6 +321,9 @@ TEST_F(MailSession, TheAppsOwnSpoolServesMailAfterMail)
     if (!can_switch_user())
         GTEST_SKIP() << "needs root to hand the spool to another user; this test runs as uid " << geteuid();
     ASSERT_TRUE(allow_search(daemon_.socket_dir()));
+    // The spare user plays the app's user, whom the policy grants mail.
+    ASSERT_TRUE(reload_policy(root_, daemon_,
+                              root_.read_file(PATH_CALLER_POLICY) + "[VexProServer_send_mail-vexprod]\n* = uid:65534\n"));
     const std::string spool_dir = root_.abs("/tmp/vexpro_sendmail");
     const std::string log_dir = root_.abs("/tmp/.vexpro_log");
     root_.write_file("/tmp/victim", "precious\n");

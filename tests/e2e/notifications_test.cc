@@ -1,5 +1,5 @@
-// Notifications and small queries end to end: the wrapper reached through
-// the shell, the notify script's reversed arguments, the cloud-usage
+// Notifications and small queries end to end: the wrapper run with the
+// value's words and no shell, the notify script's reversed arguments, the cloud-usage
 // attribute as getfattr prints it, and the model-line answer.
 #include <gtest/gtest.h>
 
@@ -24,24 +24,33 @@ protected:
     }
 };
 
-TEST_F(Notifications, NcNotifyHandsTheValuesWordsToTheWrapperThroughTheShell)
+TEST_F(Notifications, NcNotifyHandsTheValuesWordsToTheWrapperWithoutAShell)
 {
-    const std::string wrapper = root_.abs(kWrapper);
-    EXPECT_EQ(call("system_call_nc_notify", R"j({"nc_notify": "'two words' $((40+2))"})j"), kOk);
-    EXPECT_EQ(argvs(kWrapper), (std::vector<Argv>{{wrapper, "two words", "42"}}));
+    EXPECT_EQ(call("system_call_nc_notify", "{\"nc_notify\": \" motion\\tcam 3  \"}"), kOk);
+    EXPECT_EQ(argvs(kWrapper), (std::vector<Argv>{{"nc_wrapper.sh", "motion", "cam", "3"}}));
 
-    // The wrapper's status decides; no wrapper argument is a failure of its own.
+    // The wrapper's status decides (with no words the stub wants one).
     const std::string fail = failure("nox_system_call_nc_notify_handler");
     EXPECT_EQ(call("system_call_nc_notify", R"({"nc_notify": ""})"), fail);
     root_.set_exit(kWrapper, 1);
     EXPECT_EQ(call("system_call_nc_notify", R"({"nc_notify": "motion"})"), fail);
     EXPECT_EQ(argvs(kWrapper).size(), 3u);
 
+    // Whatever a shell would have acted on is refused, and nothing runs.
+    root_.clear_calls();
+    for (const char* value : {"x; id", "a|b", "a&", "a<b", "a>b", "(a)", "$HOME", "`id`", "a\\\\b", "\\\"a\\\"", "'a'",
+                              "a*", "a?", "[a]", "#a", "~", "a=b", "a\\nb", "a\\u0001"}) {
+        EXPECT_EQ(call("system_call_nc_notify", std::string("{\"nc_notify\": \"") + value + "\"}"), fail) << value;
+        EXPECT_NE(log_of("nox_system_call_nc_notify_handler").back().find("holds what a shell would interpret"),
+                  std::string::npos);
+    }
+    EXPECT_TRUE(root_.calls().empty());
+
     EXPECT_EQ(call("system_call_nc_notify", ""), kInputError);
     EXPECT_EQ(call("system_call_nc_notify", R"({"nc_notify": 1})"), kParseError);
     lose_install_path();
     EXPECT_EQ(call("system_call_nc_notify", R"({"nc_notify": "motion"})"), fail);
-    EXPECT_EQ(argvs(kWrapper).size(), 3u);
+    EXPECT_EQ(argvs(kWrapper).size(), 0u);
 }
 
 TEST_F(Notifications, NotifyReturnRunsTheScriptOnlyForCmd3WithAcyBeforeType)

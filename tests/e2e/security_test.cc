@@ -1,7 +1,8 @@
 // What a local user who is not root can try against the daemon program:
-// shells and interpreters through exec_cli, install scripts from folders
-// others control, connections that go silent, memory files that shrink and
-// grow under a request, descriptors leaking into children, and queues
+// every command without a grant, shells and interpreters through exec_cli
+// with one, install scripts from folders others control, connections that
+// go silent, memory files that shrink and grow under a request, descriptors
+// leaking into children, a policy file others could write, and queues
 // planted at the daemon's keys before it starts.
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -23,10 +24,13 @@
 
 #include "daemon/json.h"
 #include "dv.h"
+#include "platform/paths.h"
 #include "support/daemon_process.h"
+#include "support/daemon_suite.h"
 #include "support/files.h"
 #include "support/other_user.h"
 #include "support/raw_client.h"
+#include "support/settle.h"
 #include "support/sim_root.h"
 #include "support/tempdir.h"
 
@@ -35,6 +39,10 @@ namespace fs = std::filesystem;
 namespace {
 
 const std::string kAppScript = "/opt/VexProServer/script/operate_appboxcenter_app.sh";
+const std::string kDenied = "{\"error_msg\":\"permission denied\",\"result\":-1}\n";
+// A user who is not root, granted every command of the command service (the
+// spare user is granted "test" alone).
+constexpr uid_t kGrantedUid = kSpareUid - 1;
 const std::string kTestReply = R"({"handler":"test_handler","service":"VexProServer-vexprod"})" "\n";
 
 std::string exec_request(const std::vector<std::string>& command)
@@ -87,6 +95,7 @@ class Security : public testing::Test {
 protected:
     void SetUp() override
     {
+        root_.write_file(PATH_CALLER_POLICY, root_.read_file(PATH_CALLER_POLICY) + kPolicy);
         // Started the way a careless start script would: with a descriptor
         // of its own left open, which no program the daemon runs may see.
         int stray = open("/dev/null", O_RDONLY);
@@ -102,13 +111,17 @@ protected:
         EXPECT_EQ(daemon_.stderr_text(), "");
     }
 
-    // One call made by a user that is not root: the spare user when we may
-    // switch to it, ourselves when we are not root.
-    std::string call_unprivileged(const std::string& command, const std::string& json, int* status = nullptr)
+    static inline const std::string kPolicy =
+        "[VexProServer-vexprod]\n* = uid:" + std::to_string(kGrantedUid) + "\ntest = uid:65534\n";
+
+    // One call made by a user that is not root: the granted user (or uid)
+    // when we may switch to it, ourselves when we are not root.
+    std::string call_unprivileged(const std::string& command, const std::string& json, int* status = nullptr,
+                                  uid_t uid = kGrantedUid)
     {
         if (!can_switch_user())
             return daemon_.call(command, json, status);
-        auto text = run_as(kSpareUid, kSpareGid, [&] {
+        auto text = run_as(uid, uid, [&] {
             int st = -1;
             std::string reply = daemon_.call(command, json, &st);
             return std::to_string(st) + "|" + reply;
@@ -138,6 +151,7 @@ TEST_F(Security, ExecCliRefusesShellsInterpretersAndSwappableProgramsToOtherUser
     fs::create_symlink("/usr/bin/python3", scratch.file("calculator"));
     fs::create_symlink("/bin/echo", scratch.file("busybox"));
     fs::copy_file("/bin/dash", scratch.file("notashell"));
+    fs::create_symlink("/lib64/ld-linux-x86-64.so.2", scratch.file("loader"));
     const std::vector<std::vector<std::string>> attacks = {
         {"/bin/sh", "-c", line},
         {"/bin/bash", "-c", line},
@@ -153,6 +167,13 @@ TEST_F(Security, ExecCliRefusesShellsInterpretersAndSwappableProgramsToOtherUser
         {scratch.file("notashell"), "-c", line},
         {"/proc/self/exe", "-t"},
         {"/dev/fd/0"},
+        {"/usr/bin/env", "dash", "-c", line},
+        {"/usr/bin/perl", "-e", "system('" + line + "')"},
+        {"/usr/bin/awk", "BEGIN { system(\"" + line + "\") }"},
+        {"/usr/bin/find", "/", "-maxdepth", "0", "-exec", "/bin/sh", "-c", line, ";"},
+        {"/lib64/ld-linux-x86-64.so.2", "/usr/bin/bash", "-c", line},
+        {scratch.file("loader"), "/usr/bin/bash", "-c", line},
+        {"/usr/bin/ldd"},
     };
     const auto before = snapshot(root_.path());
     for (const auto& command : attacks)
@@ -163,7 +184,7 @@ TEST_F(Security, ExecCliRefusesShellsInterpretersAndSwappableProgramsToOtherUser
 
     // One line per refusal, naming the caller.
     const std::string log = daemon_.debug_log();
-    const std::string caller = " uid " + std::to_string(can_switch_user() ? kSpareUid : getuid()) + ": ";
+    const std::string caller = " uid " + std::to_string(can_switch_user() ? kGrantedUid : getuid()) + ": ";
     for (const auto& command : attacks)
         EXPECT_EQ(count_lines_with(log, "] refused for pid ", caller + command[0] + " ("), 1u) << command[0];
     EXPECT_EQ(count_lines_with(log, "] refused for pid "), attacks.size());
@@ -189,6 +210,111 @@ TEST_F(Security, ExecCliLetsRootRunShellsAndInterpreters)
     for (const auto& [command, output] : runs)
         EXPECT_EQ(daemon_.call("exec_cli", exec_request(command)), exec_reply(0, "result", output)) << command[0];
     EXPECT_EQ(count_lines_with(daemon_.debug_log(), "] refused for pid "), 0u);
+}
+
+// What a local user without a grant could do before callers needed one: each
+// is refused, runs nothing, writes nothing and leaves one audit line; root
+// is served as before. Text from a request never starts a log line.
+TEST_F(Security, CallersWithoutAGrantAreRefusedAndAudited)
+{
+    if (!can_switch_user())
+        GTEST_SKIP() << "needs another user; this test runs as uid " << geteuid();
+    const std::string marker = root_.abs("/tmp/f"), shell = "id > " + marker;
+    const struct {
+        bool mail;
+        std::string command, request;
+    } attacks[] = {
+        {false, "system_call_nc_notify", R"({"nc_notify":"x; )" + shell + "\"}"},
+        {false, "exec_cli", exec_request({"/usr/bin/env", "dash", "-c", shell})},
+        {false, "exec_cli", exec_request({"/usr/bin/find", "/", "-maxdepth", "0", "-exec", "/bin/sh", "-c", shell, ";"})},
+        {false, "exec_cli", exec_request({"/lib64/ld-linux-x86-64.so.2", "/usr/bin/bash", "-c", shell})},
+        {false, "vex_auth_add_session", R"({"type":1,"user":"admin","sid":"chosen"})"},
+        {false, "system_call_cloud_get_user_token", "{}"},
+        {false, "get_sms_config", "{}"},
+        {false, "get_all_users", "{}"},
+        {false, "system_call_vexpro_disable", "{}"},
+        {false, "system_call_share_lock_remove", R"({"share_name":"Recordings"})"},
+        {false, "system_zel_smb_setfolder_priv", R"({"share_name":"Recordings","command":"set","priv_type":"rw"})"},
+        {false, "system_call_log_tool", R"({"log_type":1,"log_mseg":"admin logged in"})"},
+        {true, "sendmail", R"({"user":"","pwd":"","config_file":"mail.conf","content_file":"mail.txt"})"},
+    };
+    auto call = [&](const auto& a, uid_t uid) {
+        auto once = [&] {
+            int status = -1;
+            std::string reply = a.mail ? daemon_.call_mail(a.command, a.request, &status)
+                                       : daemon_.call(a.command, a.request, &status);
+            return std::to_string(status) + "|" + reply;
+        };
+        return uid == 0 ? once() : run_as(uid, uid, once).value_or("<the client failed>");
+    };
+    const auto before = snapshot(root_.path());
+    root_.clear_calls();
+    for (const auto& a : attacks)
+        EXPECT_EQ(call(a, kSpareUid), a.mail ? "4|" : "0|" + kDenied) << a.command;
+    EXPECT_EQ(call(attacks[0], kSpareUid), "0|" + kDenied);
+    EXPECT_EQ(call_unprivileged("test", "{}", nullptr, kSpareUid), kTestReply);
+    EXPECT_TRUE(root_.calls().empty());
+    EXPECT_EQ(snapshot(root_.path()), before);
+    // Each audit line follows its reply.
+    EXPECT_TRUE(eventually([&] {
+        const std::string log = daemon_.debug_log();
+        return count_lines_with(log, "] audit: ", " uid 65534: refused by policy") == std::size(attacks) + 1 &&
+               count_lines_with(log, "] audit: VexProServer-vexprod \"test\" pid ", " uid 65534: replied, ") == 1;
+    })) << daemon_.debug_log();
+
+    for (const auto& a : attacks) {
+        const std::string reply = call(a, 0);
+        EXPECT_EQ(reply.substr(0, 2), "0|") << a.command;
+        EXPECT_NE(reply, "0|" + kDenied) << a.command;
+    }
+    EXPECT_FALSE(root_.calls().empty());
+
+    int status = -1;
+    daemon_.call("test\n[00001] [Mon Nov 16 03:38:07 ] forged", "{}", &status);
+    EXPECT_EQ(status, DV_STATUS_SOCKET);
+    EXPECT_EQ(daemon_.call("system_call_log_tool", R"({"log_type":1,"log_mseg":"a\n[00001] forged\r"})"), kOk);
+    char prefix[32];
+    snprintf(prefix, sizeof(prefix), "[%05d] [", static_cast<int>(daemon_.pid()));
+    std::istringstream lines(daemon_.debug_log());
+    for (std::string line; std::getline(lines, line);)
+        EXPECT_TRUE(line.empty() || line.rfind(prefix, 0) == 0) << line;
+}
+
+// The policy is read again on SIGHUP; one that others could have written
+// grants nothing, and the log says so.
+TEST_F(Security, ThePolicyIsReadAgainOnSighupAndIgnoredWhenOthersCouldWriteIt)
+{
+    if (!can_switch_user())
+        GTEST_SKIP() << "needs another user; this test runs as uid " << geteuid();
+    auto spare = [&](const std::string& command, const std::string& json) {
+        int status = -1;
+        const std::string reply = call_unprivileged(command, json, &status, kSpareUid);
+        return std::to_string(status) + "|" + reply;
+    };
+    auto queue_modes = [] {
+        std::string out;
+        for (int key : {65521, 65522}) {
+            struct msqid_ds ds = {};
+            msgctl(msgget(key, 0), IPC_STAT, &ds);
+            out += std::to_string(ds.msg_perm.mode & 0777) + ":" + std::to_string(ds.msg_perm.gid) + " ";
+        }
+        return out;
+    };
+    const std::string echo = exec_request({"/bin/echo", "hi"});
+    EXPECT_EQ(spare("exec_cli", echo), "0|" + kDenied);
+    ASSERT_TRUE(reload_policy(root_, daemon_,
+                              root_.read_file(PATH_CALLER_POLICY) + "exec_cli = uid:65534\n[queues]\nsenders = nogroup\n"));
+    EXPECT_EQ(spare("exec_cli", echo), "0|" + exec_reply(0, "result", "hi\n"));
+    EXPECT_EQ(queue_modes(), "400:65534 400:65534 ");  // 0620
+
+    ASSERT_EQ(chmod(root_.abs(PATH_CALLER_POLICY).c_str(), 0666), 0);
+    ASSERT_TRUE(reload_policy(root_, daemon_));
+    EXPECT_EQ(spare("test", "{}"), "4|");
+    EXPECT_NE(daemon_.debug_log().find("] caller policy /etc/config/dwe_dv_vexprod.policy is writable by group or "
+                                       "others: only root may call.\n"),
+              std::string::npos);
+    EXPECT_EQ(queue_modes(), "384:" + std::to_string(getegid()) + " 384:" + std::to_string(getegid()) + " ");
+    EXPECT_EQ(daemon_.call("test", "{}"), kTestReply);
 }
 
 // install_app runs a script from a folder the request names: only one that
@@ -334,7 +460,7 @@ TEST_F(Security, MemoryFilesThatShrinkOrGrowUnderARequestHarmNobodyElse)
     std::fflush(stdout);  // the child must not print what we buffered
     pid_t hostile = -1;
     if (can_switch_user())
-        hostile = start_as(kSpareUid, kSpareGid, churn);
+        hostile = start_as(kGrantedUid, kGrantedUid, churn);
     else if ((hostile = fork()) == 0)
         _exit(churn());
     ASSERT_GT(hostile, 0);
@@ -428,7 +554,7 @@ TEST(PlantedQueues, AreReplacedByQueuesOfTheDaemonsOwn)
         ASSERT_EQ(msgctl(msgget(key, 0), IPC_STAT, &ds), 0) << key;
         EXPECT_EQ(ds.msg_perm.uid, 0u) << key;
         EXPECT_EQ(ds.msg_perm.cuid, 0u) << key;
-        EXPECT_EQ(ds.msg_perm.mode & 0777, 0644u) << key;
+        EXPECT_EQ(ds.msg_perm.mode & 0777, 0600u) << key;
     }
     EXPECT_NE(msgget(65521, 0), plain);
     const std::string log = daemon.debug_log();
@@ -440,16 +566,21 @@ TEST(PlantedQueues, AreReplacedByQueuesOfTheDaemonsOwn)
             << log;
     }
 
-    // The spare user can no longer put anything on them.
+    // The spare user can no longer put anything on them, or take it off.
     auto sent = run_as(kSpareUid, kSpareGid, [] {
         struct {
             long type;
             char text[144];
         } msg = {1, {}};
-        int id = msgget(65521, 0);
-        return std::to_string(id == -1 ? -1 : msgsnd(id, &msg, sizeof(msg.text), IPC_NOWAIT));
+        std::string results;
+        for (int key : {65521, 65522}) {
+            int id = msgget(key, 0);
+            results += std::to_string(id == -1 ? -1 : msgsnd(id, &msg, sizeof(msg.text), IPC_NOWAIT));
+            results += std::to_string(id == -1 ? -1 : msgrcv(id, &msg, sizeof(msg.text), 0, IPC_NOWAIT));
+        }
+        return results;
     });
-    EXPECT_EQ(sent.value_or("?"), "-1");
+    EXPECT_EQ(sent.value_or("?"), "-1-1-1-1");
     EXPECT_EQ(daemon.stop(), 0);
     EXPECT_EQ(msgget(65521, 0), -1);
     EXPECT_EQ(msgget(65522, 0), -1);

@@ -90,7 +90,10 @@ TEST_F(AppTools, WebBoothRunsTheContainerShellForEachAction)
             EXPECT_EQ(decode_base64(parsed["result_out"].asString()).rfind("{\"id\":\"wb-", 0), 0u) << reply;
         }
     }
-    EXPECT_NE(daemon_->debug_log().find("] exec /usr/sbin/vesh succ, ret_out=[container wb-99 creating\n"),
+    // The token reaches the tool (above), never the log.
+    EXPECT_EQ(daemon_->debug_log().find("tk-1"), std::string::npos);
+    EXPECT_NE(daemon_->debug_log().find("] argv[2] = [token=***]\n"), std::string::npos);
+    EXPECT_NE(daemon_->debug_log().find("] exec /usr/sbin/vesh succ, ret_out=[container wb-99 creating\\n\\x01\xfe\\n]\n"),
               std::string::npos);
 }
 

@@ -2,6 +2,8 @@
 // templates.
 #include "support/daemon_suite.h"
 
+#include <signal.h>
+
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
@@ -9,6 +11,7 @@
 #include <thread>
 
 #include "daemon/strutil.h"
+#include "platform/paths.h"
 #include "dv.h"
 #include "support/env.h"
 
@@ -88,6 +91,22 @@ std::vector<std::string> handler_messages(const std::string& log, const std::str
         if (size_t at = line.find(tag); at != std::string::npos)
             out.push_back(line.substr(at + 2));
     return out;
+}
+
+bool reload_policy(SimRoot& root, const DaemonProcess& daemon, const std::string& text)
+{
+    const std::string tag = "] [load_caller_policy][";
+    auto reads = [&] {
+        const std::string log = daemon.debug_log();
+        size_t n = 0;
+        for (size_t at = log.find(tag); at != std::string::npos; at = log.find(tag, at + 1))
+            ++n;
+        return n;
+    };
+    if (!text.empty())
+        root.write_file(PATH_CALLER_POLICY, text);
+    const size_t before = reads();
+    return kill(daemon.pid(), SIGHUP) == 0 && eventually([&] { return reads() > before; }, 5000);
 }
 
 namespace {

@@ -47,6 +47,10 @@ std::string without_line_number(std::string text, const std::string& handler);
 // "[handler][#]" on.
 std::vector<std::string> handler_messages(const std::string& log, const std::string& handler);
 
+// Replaces the root's caller policy with text (unless empty), sends the
+// daemon SIGHUP and waits until its log says the policy was read again.
+bool reload_policy(SimRoot& root, const DaemonProcess& daemon, const std::string& text = "");
+
 // What both fixtures below offer a test, whichever daemon they hold.
 class DaemonFixture : public testing::Test {
 protected:
