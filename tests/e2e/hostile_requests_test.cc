@@ -61,6 +61,8 @@ protected:
         if (!can_switch_user())
             GTEST_SKIP() << "the attacks are made as another user: needs root, runs as uid " << geteuid();
         ASSERT_TRUE(allow_search(daemon_.socket_dir()) && allow_search(root_.path()));
+        root_.grant_everyone();
+        ASSERT_TRUE(reload_policy(root_, daemon_));
     }
     // A request sent by the spare user: the reply it got.
     std::function<std::string()> as_user(const std::string& command, const std::string& request)

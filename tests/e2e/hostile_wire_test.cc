@@ -190,6 +190,7 @@ TEST(HostileWire, NoAttackCrashesHangsOrStarvesTheDaemon)
         SCOPED_TRACE(a.what);
         std::printf("%s\n", a.what);
         SimRoot root;
+        root.grant_everyone();
         DaemonProcess d(root);
         ASSERT_TRUE(d.start()) << d.stderr_text();
         if (a.nofile) {  // as if it had found no more to raise its limit to

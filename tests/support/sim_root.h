@@ -52,6 +52,9 @@ public:
     // Makes the stub play one more program, e.g. an app moved to another
     // Install_Path.
     void add_program(const std::string& platform_path);
+    // A caller policy that grants every command of both services to anyone:
+    // attacks then come from a caller the policy lets through, the worst case.
+    void grant_everyone();
 
     // Files inside the root by platform path; write_file creates the
     // directories, read_file throws when the file is missing.
