@@ -25,6 +25,8 @@
 #include <thread>
 #include <vector>
 
+#include "tools/bench_report.h"
+
 namespace {
 
 const char USAGE[] =
@@ -249,12 +251,6 @@ void client_loop(const Options& opt, std::latch* ready, std::latch* go, const in
     sd_bus_flush_close_unref(bus);
 }
 
-uint32_t percentile(const std::vector<uint32_t>& sorted, unsigned p)
-{
-    size_t rank = (sorted.size() * p + 99) / 100;
-    return sorted[rank == 0 ? 0 : rank - 1];
-}
-
 int run_clients(const Options& opt)
 {
     std::vector<Client> clients(opt.threads);
@@ -285,17 +281,7 @@ int run_clients(const Options& opt)
     printf("mode=sdbus-%s payload=%zu threads=%lu calls=%llu seconds=%.2f calls_per_s=%.0f\n",
            opt.per_call ? "per-call" : "persistent", opt.payload.size(), opt.threads,
            static_cast<unsigned long long>(calls), seconds, seconds > 0 ? static_cast<double>(calls) / seconds : 0.0);
-    if (all.empty()) {
-        printf("latency_us none\n");
-    } else {
-        std::sort(all.begin(), all.end());
-        printf("latency_us p50=%u p90=%u p99=%u max=%u\n", percentile(all, 50), percentile(all, 90),
-               percentile(all, 99), all.back());
-    }
-    std::string line = "failures";
-    for (const auto& [key, count] : failures)
-        line += " " + key + "=" + std::to_string(count);
-    printf("%s\n", failures.empty() ? "failures none" : line.c_str());
+    print_latency_and_failures(all, failures);
     return 0;
 }
 

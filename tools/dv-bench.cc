@@ -24,6 +24,8 @@
 #include <thread>
 #include <vector>
 
+#include "bench_report.h"
+
 #include "dv-bench.h"
 #include "dv.h"
 
@@ -313,13 +315,6 @@ void client_loop(Run* run, Client* me)
     run->finished_cv.notify_one();
 }
 
-// Nearest rank: the smallest sample with at least p% of all at or below it.
-uint32_t percentile(const std::vector<uint32_t>& sorted, unsigned p)
-{
-    size_t rank = (sorted.size() * p + 99) / 100;
-    return sorted[rank == 0 ? 0 : rank - 1];
-}
-
 void report(const Options& opt, const Run& run, const std::vector<std::unique_ptr<Client>>& clients)
 {
     std::vector<uint32_t> all;
@@ -336,17 +331,7 @@ void report(const Options& opt, const Run& run, const std::vector<std::unique_pt
     double seconds = end - run.start;
     printf("%s threads=%lu calls=%llu seconds=%.2f calls_per_s=%.0f\n", opt.mode->describe().c_str(), opt.threads,
            static_cast<unsigned long long>(calls), seconds, seconds > 0 ? static_cast<double>(calls) / seconds : 0.0);
-    if (all.empty()) {
-        printf("latency_us none\n");
-    } else {
-        std::sort(all.begin(), all.end());
-        printf("latency_us p50=%u p90=%u p99=%u max=%u\n", percentile(all, 50), percentile(all, 90),
-               percentile(all, 99), all.back());
-    }
-    std::string line = "failures";
-    for (const auto& [key, count] : failures)
-        line += " " + key + "=" + std::to_string(count);
-    printf("%s\n", failures.empty() ? "failures none" : line.c_str());
+    print_latency_and_failures(all, failures);
     fflush(stdout);
     if (calls > 0 && all.empty())
         fprintf(stderr, "dv-bench: every call failed\n");
