@@ -53,7 +53,10 @@ void become_idle(dv_worker* w)
     if (w->mode & DV_PTHREAD_MODE) {
         dv_worker* producer = dv_producer_of(w->handle);
         pthread_mutex_lock(&producer->direct_lock);
-        bool direct = producer->waiting == 0 && !__atomic_load_n(&w->handle->stopping, __ATOMIC_RELAXED);
+        // Not while the producer rests the listening socket (out of
+        // descriptors): it decides when to try again.
+        bool direct = producer->waiting == 0 && producer->listen_again_ms == 0 &&
+                      !__atomic_load_n(&w->handle->stopping, __ATOMIC_RELAXED);
         if (direct) {
             w->idle = 1;
             dv_direct_watch(producer, w, true);
