@@ -71,6 +71,19 @@ void become_idle(dv_worker* w)
     report_ready(w);
 }
 
+// A new thread consumer watches the listening socket as soon as it runs,
+// unless the producer has handed it a client already (its transfer waits on
+// the control socket).
+void start_watching(dv_worker* w)
+{
+    dv_worker* producer = dv_producer_of(w->handle);
+    pthread_mutex_lock(&producer->direct_lock);
+    if (w->idle && producer->waiting == 0 && producer->listen_again_ms == 0 &&
+        !__atomic_load_n(&w->handle->stopping, __ATOMIC_RELAXED))
+        dv_direct_watch(producer, w, true);
+    pthread_mutex_unlock(&producer->direct_lock);
+}
+
 void stop_watching(dv_worker* w)
 {
     if (!w->direct)
@@ -331,7 +344,7 @@ void consumer_loop(dv_worker* w)
     consumer_state s{w};
     const int listen_fd = dv_producer_of(w->handle)->queue.sockfd;
     if (w->mode & DV_PTHREAD_MODE)
-        become_idle(w);
+        start_watching(w);
     for (;;) {
         struct epoll_event ev;
         int n;

@@ -403,8 +403,11 @@ void dv_direct_watch(dv_worker* producer, dv_worker* w, bool on)
     struct epoll_event ev;
     memset(&ev, 0, sizeof(ev));
     if (on) {
-        // One idle consumer woken per client, not all of them.
-        ev.events = EPOLLIN | EPOLLEXCLUSIVE;
+        // Every watcher is woken for a client, and those that lose the race
+        // find nothing to accept. Waking only one (EPOLLEXCLUSIVE) would
+        // lose the client when that one stops watching without taking it
+        // (claimed for a transfer meanwhile): the others would sleep on.
+        ev.events = EPOLLIN;
         ev.data.fd = listen_fd;
         if (epoll_ctl(w->pollfd, EPOLL_CTL_ADD, listen_fd, &ev) != 0)
             return;  // then the producer hands it clients, as to any
