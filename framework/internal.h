@@ -154,7 +154,8 @@ inline dv_worker* dv_producer_of(dv_handle* h)
 // it is not resting after running out of descriptors).
 void dv_direct_watch(dv_worker* producer, dv_worker* w, bool on);
 
-// Accepts a pending client, non-blocking; the descriptor or -1 (errno set).
+// Accepts a pending client (the listening socket never blocks: EAGAIN when
+// another worker was quicker); the descriptor or -1 (errno set).
 int dv_accept(int listen_fd);
 // The checks every new client passes, with the refusals they send: the
 // descriptor reserve, the admission check, paused. False when the client
