@@ -1,6 +1,6 @@
-// Running a program with its standard output captured in a private temporary
-// file that is read back whole and removed: the tail that exec_cli and the
-// handlers that return a tool's output share.
+// Running a program with its standard output captured in a private file that
+// is read back whole: the tail that exec_cli and the handlers that return a
+// tool's output share.
 #pragma once
 
 #include <cstddef>
@@ -23,3 +23,11 @@ struct CapturedRun {
 // False when no temporary file could be made; nothing ran then.
 bool run_captured(const char* path, const char* const argv[], CapturedRun& run, size_t max_output = SIZE_MAX,
                   bool own_group = false);
+
+// The same with standard output into a memory file: nothing on disk to make,
+// name or remove, nobody else can open it (remove_status 0, no file name).
+// The tool handlers keep the file in $TMPDIR: their callers are told of a
+// failure when none can be made there. False when no memory file could be
+// made; nothing ran then.
+bool run_captured_in_memory(const char* path, const char* const argv[], CapturedRun& run,
+                            size_t max_output = SIZE_MAX, bool own_group = false);

@@ -1,5 +1,6 @@
 // Request dispatch: table lookup, standard output pointed at the client's
-// descriptor for the handler's lifetime, one joined thread per request.
+// descriptor for the handler's lifetime, the handler run on the worker's own
+// thread.
 #include "daemon/dispatch.h"
 
 #include "daemon/audit.h"
@@ -8,10 +9,12 @@
 #include "daemon/reply.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <unistd.h>
 
 #include <cxxabi.h>
+#include <stdio_ext.h>
 
 #include <cerrno>
 #include <exception>
@@ -48,9 +51,16 @@ void* pthread_callback_function(void* arg)
 
 namespace {
 
+// Requests this large (JSON texts of thousands of values) leave megabytes in
+// the worker's malloc arena when their handler ends.
+constexpr size_t kTrimAfterRequestSize = 16 << 10;
+
 // Guards the moments standard output is pointed somewhere else, not the
 // handler runs in between.
 std::mutex stdout_lock;
+// Whether standard output is the /dev/null a request left behind, with an
+// empty buffer: then a request that points it nowhere has nothing to undo.
+bool stdout_at_rest = false;
 
 // A second reference to what standard output is now, so that pointing it
 // elsewhere under the lock cannot be the last close of a client's file; the
@@ -95,6 +105,7 @@ void dispatch_command(const T_COMMAND_ENTRY* table, size_t size, const char* nam
             std::lock_guard<std::mutex> one_at_a_time(stdout_lock);
             replaced = keep_stdout();
             dup2(fd, STDOUT_FILENO);
+            stdout_at_rest = false;
         }
         // Closed outside the lock: a client's file may take its time to
         // close, and that must hold up this request only, not every
@@ -109,22 +120,26 @@ void dispatch_command(const T_COMMAND_ENTRY* table, size_t size, const char* nam
             close(replaced);
     }
 
-    pthread_t thread;
-    if (pthread_create(&thread, nullptr, pthread_callback_function, &args) == 0)
-        pthread_join(thread, nullptr);
-    else
-        // No thread to spare: the worker waits for the handler anyway, so
-        // run it here rather than leave the client without an answer.
-        run_handler(&args);
+    // The worker waits for the handler in any case: a thread of its own per
+    // request would only add its creation and join to every call. What a
+    // large request made the handler allocate stays in this thread's malloc
+    // arena once freed, unless it is handed back.
+    const bool large = io && io->shared_size >= kTrimAfterRequestSize;
+    run_handler(&args);
+    if (large)
+        malloc_trim(0);
 
     // Flushes what the handler left in stdout's buffer to the client and
     // lets go of its descriptor; glibc keeps descriptor 1 for /dev/null.
-    bool reopened;
-    int replaced;
+    bool reopened = true;
+    int replaced = -1;
     {
         std::lock_guard<std::mutex> one_at_a_time(stdout_lock);
-        replaced = keep_stdout();
-        reopened = freopen("/dev/null", "w", stdout) != nullptr;
+        if (!stdout_at_rest || __fpending(stdout) > 0) {
+            replaced = keep_stdout();
+            reopened = freopen("/dev/null", "w", stdout) != nullptr;
+            stdout_at_rest = reopened;
+        }
     }
     if (replaced >= 0)
         close(replaced);

@@ -1,5 +1,5 @@
 // The exec callbacks of the two services: look the command up in its table
-// and run the handler on a thread of its own, with the client's extra
+// and run the handler on the calling worker's thread, with the client's extra
 // descriptor (when it sent one) as the process's standard output.
 #pragma once
 
@@ -8,7 +8,7 @@
 #include "daemon/command_table.h"
 #include "dv.h"
 
-// What the handler thread receives; lives on the dispatcher's stack.
+// What the handler receives; lives on the dispatcher's stack.
 struct T_THREAD_ARGS {
     int fd;
     dv_io* io;

@@ -1,5 +1,5 @@
 // exec_cli: the request's "command" array becomes a path and argument vector,
-// the program's output is captured in a private temporary file and returned.
+// the program's output is captured in a private memory file and returned.
 #include "daemon/exec_cli.h"
 
 #include "daemon/capture.h"
@@ -42,7 +42,7 @@ int exec_cli(std::string request, std::string* output)
 
     CapturedRun run;
     // Whatever it is, it must not outlive the daemon's stop.
-    if (!run_captured(argv[0], argv.data(), run, EXEC_CLI_OUTPUT_MAX, true)) {
+    if (!run_captured_in_memory(argv[0], argv.data(), run, EXEC_CLI_OUTPUT_MAX, true)) {
         *output = "mkstemp fail.";
         return -1;
     }

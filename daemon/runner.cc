@@ -218,9 +218,9 @@ bool collect_args(const char* path, va_list ap, std::vector<const char*>& argv)
 // forms taking an input file write.
 int run_and_wait(bool trace_stdin, const char* stdin_file, const char* stdout_file,
                  const char* stderr_file, const char* log_file, const char* path,
-                 const char* const argv[], bool own_group = false)
+                 const char* const argv[], bool own_group = false, int stdout_fd = -1)
 {
-    if (!path || !argv)
+    if (!path || !argv || (stdout_fd >= 0 && stdout_fd < 3))
         return -1;
 
     FILE* trace = log_file ? fopen(log_file, "a+e") : nullptr;
@@ -241,8 +241,8 @@ int run_and_wait(bool trace_stdin, const char* stdin_file, const char* stdout_fi
         return -1;
     };
 
-    ScopedFd out(open_output(stdout_file));
-    if (!out.ok()) {
+    ScopedFd out(stdout_fd < 0 ? open_output(stdout_file) : -1);
+    if (stdout_fd < 0 && !out.ok()) {
         if (trace)
             fprintf(trace, "open %s failed: %d\n", stdout_file ? stdout_file : "/dev/null", out.get());
         return fail(stdout_file, nullptr);
@@ -275,17 +275,18 @@ int run_and_wait(bool trace_stdin, const char* stdin_file, const char* stdout_fi
     if (trace)
         fclose(trace);
 
+    const int child_out = stdout_fd >= 0 ? stdout_fd : out.get();
     pid_t pid = 0;
     spawn_result started = spawn_result::no_process;
     if (own_group) {
         std::lock_guard<std::mutex> lock(groups_mutex);
         if (groups_stopped)
             return -1;
-        started = spawn(path, argv, in.get(), out.get(), err.get(), &pid, true);
+        started = spawn(path, argv, in.get(), child_out, err.get(), &pid, true);
         if (started == spawn_result::started)
             groups.push_back(pid);
     } else {
-        started = spawn(path, argv, in.get(), out.get(), err.get(), &pid);
+        started = spawn(path, argv, in.get(), child_out, err.get(), &pid);
     }
     in.reset();
     out.reset();
@@ -319,6 +320,11 @@ int dwe_vexprod_tarsk_exec_v(const char* stdout_file, const char* stderr_file,
 int dwe_vexprod_tarsk_exec_v_group(const char* stdout_file, const char* path, const char* const argv[])
 {
     return run_and_wait(false, nullptr, stdout_file, nullptr, nullptr, path, argv, true);
+}
+
+int runner_exec_into(int stdout_fd, const char* path, const char* const argv[], bool own_group)
+{
+    return run_and_wait(false, nullptr, nullptr, nullptr, nullptr, path, argv, own_group, stdout_fd);
 }
 
 void runner_kill_groups()

@@ -38,6 +38,10 @@ int dwe_vexprod_tarsk_exec_v_v2(const char* stdin_file, const char* stdout_file,
 // runner_kill_groups() kills whole when the daemon stops. -1 without
 // starting anything once that has happened.
 int dwe_vexprod_tarsk_exec_v_group(const char* stdout_file, const char* path, const char* const argv[]);
+// As dwe_vexprod_tarsk_exec_v (own_group: _group) with standard output into
+// stdout_fd, which must be 3 or above and stays open; standard error is
+// /dev/null, no trace. -1 without starting anything for a lower number.
+int runner_exec_into(int stdout_fd, const char* path, const char* const argv[], bool own_group);
 // Kills (SIGKILL) every such group still running and starts no more, so that
 // no program a caller started can hold the daemon's stop up.
 void runner_kill_groups();

@@ -1,6 +1,7 @@
 // The client side: call a named service and wait for its reply, one request
 // at a time (dv_call, dv_ez_call) or many from one thread (dv_epoll_*).
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -91,8 +92,68 @@ dv_epoll* new_epoll()
         errno = saved;
         return nullptr;
     }
-    set_fd_cloexec(epoll->fd);  // historical; EPOLL_CLOEXEC is what counts
     return epoll;
+}
+
+// The request's memory file and a socket connected to the service; io
+// names the command and the extra descriptor. A status other than OK leaves
+// what was made for dv_call or the caller's dv_io_free to release.
+int connect_request(const char* service, const char* command, dv_io* io, int fd)
+{
+    char path[MAXIMUM_NAME_SIZE];
+    if (dv_sockfile(service, path, sizeof(path)) != 0)
+        dv_abort("[ABORT] @%s() generate request [%s] SHA1 fail: `%s'\n", "dv_epoll_call", service,
+                 "SHA1Result(&sha1)");
+
+    // Running out of descriptors or memory is the caller's failure to
+    // handle, not a misuse: the request fails with a socket status, and
+    // whatever it holds is released by dv_call or the caller's dv_io_free.
+    // The memory file comes first, so that a failure leaves no socket behind.
+    if (!dv_io_shm(io))
+        return DV_STATUS_SOCKET;
+    io->sockfd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (io->sockfd < 0)
+        return DV_STATUS_SOCKET;
+    struct sockaddr_un addr;
+    memset(&addr, 0, sizeof(addr));
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path);
+    int r;
+    do {
+        r = connect(io->sockfd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr));
+    } while (r != 0 && errno == EINTR);
+    if (r != 0)
+        return DV_STATUS_CONNECT;
+
+    io->fd = fd;
+    snprintf(io->name, sizeof(io->name), "%s", command);
+    return DV_STATUS_OK;
+}
+
+// What a directive from the service means for a request: true with the
+// final status, or false when the request goes on (it was told to go ahead
+// and has sent itself; anything else is not for us).
+bool answer(dv_io* io, const dv_directive& d, int* status)
+{
+    switch (d.type) {
+    case DV_DIRECTIVE_BUSY:
+        *status = DV_STATUS_BUSY;
+        return true;
+    case DV_DIRECTIVE_PAUSED:
+        *status = DV_STATUS_PAUSED;
+        return true;
+    case DV_DIRECTIVE_REJECT:
+        *status = DV_STATUS_REJECTED;
+        return true;
+    case DV_DIRECTIVE_REPLY:
+        *status = DV_STATUS_OK;
+        return true;
+    case DV_DIRECTIVE_ACCEPT:
+        send_request(io);
+        return false;
+    default:
+        return false;
+    }
 }
 
 }  // namespace
@@ -120,40 +181,15 @@ DV_API int dv_epoll_call(dv_epoll* epoll, const char* service, const char* comma
     if (!service || strlen(service) > MAXIMUM_NAME_SIZE || !command || strlen(command) > 256)
         return DV_STATUS_ARGUMENTS;
 
-    char path[MAXIMUM_NAME_SIZE];
-    if (dv_sockfile(service, path, sizeof(path)) != 0)
-        dv_abort("[ABORT] @%s() generate request [%s] SHA1 fail: `%s'\n", "dv_epoll_call", service,
-                 "SHA1Result(&sha1)");
-
-    // Running out of descriptors or memory is the caller's failure to
-    // handle, not a misuse: the request fails with a socket status, and
-    // whatever it holds is released by dv_call or the caller's dv_io_free.
-    // The memory file comes first, so that a failure leaves no socket behind.
-    if (!dv_io_shm(io))
-        return DV_STATUS_SOCKET;
-    io->sockfd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (io->sockfd < 0)
-        return DV_STATUS_SOCKET;
-    set_fd_cloexec(io->sockfd);  // historical; SOCK_CLOEXEC is what counts
-    struct sockaddr_un addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path);
-    int r;
-    do {
-        r = connect(io->sockfd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr));
-    } while (r != 0 && errno == EINTR);
-    if (r != 0)
-        return DV_STATUS_CONNECT;
-
+    int status = connect_request(service, command, io, fd);
+    if (status != DV_STATUS_OK)
+        return status;
     struct epoll_event ev;
     memset(&ev, 0, sizeof(ev));
     ev.events = DV_EVENTS;
     ev.data.ptr = io;
     if (epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, &ev) != 0)
         return DV_STATUS_SOCKET;  // ENOMEM or ENOSPC: a fresh socket cannot be there already
-    io->fd = fd;
-    snprintf(io->name, sizeof(io->name), "%s", command);
     return DV_STATUS_OK;
 }
 
@@ -176,25 +212,17 @@ DV_API dv_io* dv_epoll_perform(dv_epoll* epoll, int timeout_ms, int* status)
         dv_directive d;
         if (!dv_read_directive(io->sockfd, &d))
             return fail_request(epoll, io, status, DV_STATUS_SOCKET);
-        switch (d.type) {
-        case DV_DIRECTIVE_BUSY:
-            return fail_request(epoll, io, status, DV_STATUS_BUSY);
-        case DV_DIRECTIVE_PAUSED:
-            return fail_request(epoll, io, status, DV_STATUS_PAUSED);
-        case DV_DIRECTIVE_REJECT:
-            return fail_request(epoll, io, status, DV_STATUS_REJECTED);
-        case DV_DIRECTIVE_REPLY:
-            dv_epoll_cancel(epoll, io);
-            dv_io_sync(io);
-            *status = DV_STATUS_OK;
-            return io;
-        case DV_DIRECTIVE_ACCEPT:
-            send_request(io);
+        if (!answer(io, d, status)) {
+            if (d.type != DV_DIRECTIVE_ACCEPT)
+                continue;  // not for us: wait for the next event
             *status = DV_STATUS_OK;
             return nullptr;
-        default:
-            break;  // not for us: wait for the next event
         }
+        if (*status != DV_STATUS_OK)
+            return fail_request(epoll, io, status, *status);
+        dv_epoll_cancel(epoll, io);
+        dv_io_sync(io);
+        return io;
     }
 }
 
@@ -222,18 +250,39 @@ DV_API void dv_epoll_free(dv_epoll* epoll)
 
 DV_API int dv_call(const char* service, const char* command, dv_io* io, unsigned timeout_s, int fd)
 {
-    dv_epoll* epoll = new_epoll();
-    if (!epoll) {
+    if (!io || io->magic != DV_IO_MAGIC)
+        dv_abort("[ABORT] @%s() cannot make incorrect dv_io %p request: `%s'\n", "dv_epoll_call",
+                 static_cast<const void*>(io), IO_COND);
+    if (!service || strlen(service) > MAXIMUM_NAME_SIZE || !command || strlen(command) > 256) {
         release_request(io);
-        return DV_STATUS_SOCKET;
+        return DV_STATUS_ARGUMENTS;
     }
+    // One request from one thread: a poll on its socket does what a poller
+    // of its own would, without making one per call.
     long long start = now_ms();
-    int status = dv_epoll_call(epoll, service, command, io, fd);
+    int status = connect_request(service, command, io, fd);
     if (status == DV_STATUS_OK) {
         long long limit = static_cast<long long>(timeout_s < 5 ? 5 : timeout_s) * 1000;
         for (;;) {
-            if (dv_epoll_perform(epoll, static_cast<int>(limit), &status))
+            struct pollfd p = {io->sockfd, POLLIN | POLLRDHUP, 0};
+            int n;
+            do {
+                n = poll(&p, 1, static_cast<int>(limit));
+            } while (n < 0 && errno == EINTR);
+            if (n < 1) {
+                status = DV_STATUS_TIMEOUT;
                 break;
+            }
+            dv_directive d;
+            if (((p.revents & (POLLERR | POLLHUP)) && !(p.revents & POLLRDHUP)) ||
+                !dv_read_directive(io->sockfd, &d)) {
+                status = DV_STATUS_SOCKET;
+                break;
+            }
+            if (answer(io, d, &status))
+                break;
+            if (d.type != DV_DIRECTIVE_ACCEPT)
+                continue;  // not for us: wait for the next event
             // The limit shrinks by the whole time since the call began, on
             // every pass: callers have always seen it behave so.
             long long elapsed = now_ms() - start;
@@ -245,11 +294,14 @@ DV_API int dv_call(const char* service, const char* command, dv_io* io, unsigned
         }
     }
     if (status == DV_STATUS_OK) {
-        dv_epoll_free(epoll);
+        close(io->sockfd);
+        io->sockfd = -1;
+        dv_io_sync(io);
         return DV_STATUS_OK;
     }
+    if (io->sockfd >= 0)
+        shutdown(io->sockfd, SHUT_RDWR);
     release_request(io);
-    dv_epoll_free(epoll);
     return status;
 }
 

@@ -1,5 +1,6 @@
 // Consumer workers: each owns one client at a time, receives its request and
-// runs the service's exec callback with a message object built from it.
+// runs the service's exec callback with a message object built from it. A
+// thread consumer idle while nobody waits accepts its next client itself.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -42,6 +43,55 @@ void report_ready(dv_worker* w)
     uint64_t index = w->index;
     memcpy(d.data, &index, sizeof(index));
     dv_send_directive(w->sockfd[0], &d);
+}
+
+// Done with a client (or never had one): a thread consumer that finds
+// nobody waiting watches the listening socket itself; otherwise, or in a
+// process, it tells the producer, which hands it the next waiting client.
+void become_idle(dv_worker* w)
+{
+    if (w->mode & DV_PTHREAD_MODE) {
+        dv_worker* producer = dv_producer_of(w->handle);
+        pthread_mutex_lock(&producer->direct_lock);
+        // Not while the producer rests the listening socket (out of
+        // descriptors): it decides when to try again.
+        bool direct = producer->waiting == 0 && producer->listen_again_ms == 0 &&
+                      !__atomic_load_n(&w->handle->stopping, __ATOMIC_RELAXED);
+        if (direct) {
+            w->idle = 1;
+            dv_direct_watch(producer, w, true);
+            direct = w->direct;
+            if (!direct)
+                w->idle = 0;  // the producer learns of it below, as ever
+        }
+        pthread_mutex_unlock(&producer->direct_lock);
+        if (direct)
+            return;
+    }
+    report_ready(w);
+}
+
+// A new thread consumer watches the listening socket as soon as it runs,
+// unless the producer has handed it a client already (its transfer waits on
+// the control socket).
+void start_watching(dv_worker* w)
+{
+    dv_worker* producer = dv_producer_of(w->handle);
+    pthread_mutex_lock(&producer->direct_lock);
+    if (w->idle && producer->waiting == 0 && producer->listen_again_ms == 0 &&
+        !__atomic_load_n(&w->handle->stopping, __ATOMIC_RELAXED))
+        dv_direct_watch(producer, w, true);
+    pthread_mutex_unlock(&producer->direct_lock);
+}
+
+void stop_watching(dv_worker* w)
+{
+    if (!w->direct)
+        return;
+    dv_worker* producer = dv_producer_of(w->handle);
+    pthread_mutex_lock(&producer->direct_lock);
+    dv_direct_watch(producer, w, false);
+    pthread_mutex_unlock(&producer->direct_lock);
 }
 
 void drop_client(dv_worker* w)
@@ -222,15 +272,10 @@ void serve_request(consumer_state& s, const dv_directive& d)
 
 // A new client from the producer: receive it, echo the transfer so the
 // producer closes its copy, tell the client to go ahead.
-void take_client(consumer_state& s, const dv_directive& d)
+// Tells a client to go ahead and waits for its request.
+void hold_client(consumer_state& s, int client)
 {
     dv_worker* w = s.worker;
-    int client = dv_recv_fd(w->sockfd[0]);
-    dv_send_directive(w->sockfd[0], &d);
-    if (client < 0) {
-        report_ready(w);
-        return;
-    }
     struct epoll_event ev;
     memset(&ev, 0, sizeof(ev));
     ev.events = DV_EVENTS;
@@ -238,16 +283,68 @@ void take_client(consumer_state& s, const dv_directive& d)
     if (!dv_send_directive_type(client, DV_DIRECTIVE_ACCEPT) || epoll_ctl(w->pollfd, EPOLL_CTL_ADD, client, &ev) != 0) {
         shutdown(client, SHUT_RDWR);
         close(client);
-        report_ready(w);
+        become_idle(w);
         return;
     }
     w->client = client;
     s.deadline = now_ms() + DV_REQUEST_DEADLINE_MS;
 }
 
+void take_client(consumer_state& s, const dv_directive& d)
+{
+    dv_worker* w = s.worker;
+    stop_watching(w);  // the producer claimed us for this one
+    int client = dv_recv_fd(w->sockfd[0]);
+    dv_send_directive(w->sockfd[0], &d);
+    if (client < 0) {
+        become_idle(w);
+        return;
+    }
+    hold_client(s, client);
+}
+
+// The listening socket is readable while we watch it: take the client,
+// unless the producer has claimed us meanwhile (its transfer is on the way)
+// or another consumer was quicker. The client passes the producer's checks.
+void accept_directly(consumer_state& s)
+{
+    dv_worker* w = s.worker;
+    dv_worker* producer = dv_producer_of(w->handle);
+    int client = -1;
+    bool lost_race = false;
+    pthread_mutex_lock(&producer->direct_lock);
+    if (w->idle && w->direct && !__atomic_load_n(&w->handle->stopping, __ATOMIC_RELAXED)) {
+        client = dv_accept(producer->queue.sockfd);
+        if (client >= 0)
+            w->idle = 0;
+        else
+            lost_race = errno == EAGAIN || errno == EWOULDBLOCK;
+    }
+    // Watching on only when another consumer (or the producer) was quicker.
+    // Anything else (out of descriptors, stopping, claimed for a transfer)
+    // leaves the listening socket to the producer, which paces its retries.
+    const bool keep_watching = lost_race;
+    if (!keep_watching)
+        dv_direct_watch(producer, w, false);
+    pthread_mutex_unlock(&producer->direct_lock);
+    if (client < 0)
+        return;  // still idle: the producer hands us the next client
+
+    uid_t uid;
+    bool out_of_fds;
+    if (!dv_admit_client(w->handle, client, &uid, &out_of_fds)) {
+        become_idle(w);
+        return;
+    }
+    hold_client(s, client);
+}
+
 void consumer_loop(dv_worker* w)
 {
     consumer_state s{w};
+    const int listen_fd = dv_producer_of(w->handle)->queue.sockfd;
+    if (w->mode & DV_PTHREAD_MODE)
+        start_watching(w);
     for (;;) {
         struct epoll_event ev;
         int n;
@@ -256,11 +353,15 @@ void consumer_loop(dv_worker* w)
         } while (n < 0 && errno == EINTR);
         if (n == 0 && w->client >= 0) {
             drop_client(w);  // the request did not come in time
-            report_ready(w);
+            become_idle(w);
             continue;
         }
         if (n < 1)
             return;
+        if (w->direct && ev.data.fd == listen_fd) {
+            accept_directly(s);
+            continue;
+        }
         bool control = ev.data.fd == w->sockfd[0];
         if (!control && ev.data.fd != w->client)
             continue;
@@ -268,7 +369,7 @@ void consumer_loop(dv_worker* w)
             if (control)
                 return;
             drop_client(w);
-            report_ready(w);
+            become_idle(w);
             continue;
         }
         dv_directive d;
@@ -284,7 +385,7 @@ void consumer_loop(dv_worker* w)
                 report_ready(w);
             } else {
                 drop_client(w);
-                report_ready(w);
+                become_idle(w);
             }
             continue;
         }
@@ -297,11 +398,11 @@ void consumer_loop(dv_worker* w)
         }
         if (d.type == DV_DIRECTIVE_REQUEST) {
             serve_request(s, d);
-            report_ready(w);
+            become_idle(w);
             continue;
         }
         drop_client(w);  // a client may only send its request
-        report_ready(w);
+        become_idle(w);
     }
 }
 
@@ -362,6 +463,7 @@ void dv_consumer_worker_init(dv_handle* h, dv_worker* producer, dv_worker* w, si
     w->handle = h;
     w->sockfd[0] = w->sockfd[1] = -1;
     w->idle = 1;
+    w->direct = false;
     w->pollfd = -1;
     w->client = -1;
     w->handed = -1;

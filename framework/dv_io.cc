@@ -42,7 +42,6 @@ bool dv_io_shm(dv_io* io)
     int fd = static_cast<int>(syscall(SYS_memfd_create, "dovel", MFD_CLOEXEC));
     if (fd == -1)
         return false;
-    set_fd_cloexec(fd);  // historical; MFD_CLOEXEC is what counts
     io->memfd = fd;
     return true;
 }
@@ -62,20 +61,22 @@ void resync(dv_io* io)
 {
     if (io->memfd == -1)
         return;
-    struct stat st;
-    lseek(io->memfd, 0, SEEK_END);
-    if (fstat(io->memfd, &st) != 0)
-        st.st_size = 0;
+    // The offset goes to the end, as it always has; where that is is the size.
+    off_t size = lseek(io->memfd, 0, SEEK_END);
+    // A shared mapping shows the file as it is now: only a new size needs a
+    // new one.
+    if (size > 0 && io->shared_data && static_cast<size_t>(size) == io->shared_size)
+        return;
     unmap(io);
-    if (st.st_size > 0) {
+    if (size > 0) {
         // The file is the peer's as much as ours: it may have grown past
         // what can be mapped since. Then it reads as empty, and the process
         // goes on.
-        void* map = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, io->memfd, 0);
+        void* map = mmap(nullptr, static_cast<size_t>(size), PROT_READ | PROT_WRITE, MAP_SHARED, io->memfd, 0);
         if (map == MAP_FAILED)
             return;
         io->shared_data = map;
-        io->shared_size = static_cast<size_t>(st.st_size);
+        io->shared_size = static_cast<size_t>(size);
     }
 }
 
@@ -92,18 +93,17 @@ void drop_reply(dv_io* io)
 
 bool dv_io_map_request(dv_io* io, unsigned long long max_size)
 {
-    struct stat st;
-    lseek(io->memfd, 0, SEEK_END);
-    if (fstat(io->memfd, &st) != 0 || st.st_size < 0 || static_cast<unsigned long long>(st.st_size) > max_size)
+    off_t size = lseek(io->memfd, 0, SEEK_END);
+    if (size < 0 || static_cast<unsigned long long>(size) > max_size)
         return false;
     unmap(io);
-    if (st.st_size == 0)
+    if (size == 0)
         return true;
-    void* map = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, io->memfd, 0);
+    void* map = mmap(nullptr, static_cast<size_t>(size), PROT_READ | PROT_WRITE, MAP_SHARED, io->memfd, 0);
     if (map == MAP_FAILED)
         return false;
     io->shared_data = map;
-    io->shared_size = static_cast<size_t>(st.st_size);
+    io->shared_size = static_cast<size_t>(size);
     return true;
 }
 

@@ -42,7 +42,7 @@ void set_state(dv_handle* h, u_int32_t bits)
 
 dv_worker* producer_of(dv_handle* h)
 {
-    return &h->worker[h->service_size];
+    return dv_producer_of(h);
 }
 
 // Steps shared by dv_stop and by a producer that ended on its own: stop the

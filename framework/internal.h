@@ -2,6 +2,7 @@
 // that every precondition failure prints.
 #pragma once
 
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/types.h>
 
@@ -131,7 +132,35 @@ struct dv_worker {
     int handed;            // consumer record: the producer's copy of the client handed over, until echoed
     dv_waiting_uids* uids; // producer: waiting clients per uid
     long long listen_again_ms;  // producer: when to watch the listening socket again, 0 when watched
+
+    // A thread consumer that goes idle while nobody waits takes its next
+    // client from the listening socket itself, and the producer leaves that
+    // socket alone meanwhile. The producer's direct_lock guards every
+    // consumer's idle flag, the producer's waiting count, direct_waiting and
+    // listen_again_ms.
+    pthread_mutex_t direct_lock;  // producer
+    size_t direct_waiting;        // producer: consumers watching the listening socket
+    bool direct;                  // consumer: it watches the listening socket now
 };
+
+// The producer's record of a service (after its consumers').
+inline dv_worker* dv_producer_of(dv_handle* h)
+{
+    return &h->worker[h->service_size];
+}
+
+// Under the producer's direct_lock: a consumer starts or stops watching the
+// listening socket; the producer watches it whenever no consumer does (and
+// it is not resting after running out of descriptors).
+void dv_direct_watch(dv_worker* producer, dv_worker* w, bool on);
+
+// Accepts a pending client (the listening socket never blocks: EAGAIN when
+// another worker was quicker); the descriptor or -1 (errno set).
+int dv_accept(int listen_fd);
+// The checks every new client passes, with the refusals they send: the
+// descriptor reserve, the admission check, paused. False when the client
+// was refused (and closed); *uid is the peer's.
+bool dv_admit_client(dv_handle* h, int fd, uid_t* uid, bool* out_of_fds);
 
 void dv_producer_worker_init(dv_handle* service_handle, dv_worker* producer);
 void dv_consumer_worker_init(dv_handle* service_handle, dv_worker* producer, dv_worker* worker, size_t index,

@@ -1,6 +1,8 @@
 // The producer: accepts clients, queues them (uids taking turns, each uid's
 // clients first come first served), and hands each to an idle consumer. It
-// never blocks on a consumer.
+// never blocks on a consumer. While nobody waits, idle thread consumers
+// accept from the listening socket themselves (no hand-over on the way) and
+// the producer leaves it alone; it takes over again when none is idle.
 #include <errno.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -113,7 +115,9 @@ void drop_client(dv_worker* producer, dv_client* c, graveyard& dead)
     epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, fd, nullptr);
     shutdown(fd, SHUT_RDWR);
     close(fd);
+    pthread_mutex_lock(&producer->direct_lock);
     unlink_client(producer, c);
+    pthread_mutex_unlock(&producer->direct_lock);
     dead.bury(c);
 }
 
@@ -141,7 +145,6 @@ void restart_if_dead(dv_handle* h, dv_worker* producer, dv_worker* w)
     }
     fprintf(stderr, "[Dovel] [WARN] [%s] consumer-worker[%zu].pid=%d %s=%d, restart it.\n", h->name, w->index,
             static_cast<int>(w->id.pid), how, value);
-    w->idle = 1;
     epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, w->queue.sockfd, nullptr);
     dv_close_worker_fds(w);
     dv_consumer_worker_init(h, producer, w, w->index, false);
@@ -151,13 +154,12 @@ void restart_if_dead(dv_handle* h, dv_worker* producer, dv_worker* w)
     producer->restarted = true;
 }
 
-// The next idle consumer after the one chosen last (round robin), or null.
-// Dead process consumers are restarted on the way.
+// The next idle consumer after the one chosen last (round robin), claimed
+// (no longer idle), or null. Dead process consumers are restarted first.
 dv_worker* choose_consumer(dv_worker* producer)
 {
     dv_handle* h = producer->handle;
     size_t n = h->service_size;
-    dv_worker* chosen = nullptr;
     for (size_t k = 1; k <= n; k++) {
         dv_worker* w = &h->worker[(producer->last_chosen + k) % n];
         // Only plain process mode restarts its consumers; a standalone
@@ -170,13 +172,22 @@ dv_worker* choose_consumer(dv_worker* producer)
                 restart_if_dead(h, producer, w);
             pthread_mutex_unlock(&h->run_lock);
         }
-        if (!chosen && w->idle)
-            chosen = w;
     }
+    dv_worker* chosen = nullptr;
+    pthread_mutex_lock(&producer->direct_lock);
+    for (size_t k = 1; k <= n && !chosen; k++) {
+        dv_worker* w = &h->worker[(producer->last_chosen + k) % n];
+        if (w->idle) {
+            w->idle = 0;
+            chosen = w;
+        }
+    }
+    pthread_mutex_unlock(&producer->direct_lock);
     return chosen;
 }
 
-// Sends client fd to consumer w. On failure the client is closed.
+// Sends client fd to consumer w, claimed already. On failure the client is
+// closed and w is idle again.
 void hand_over(dv_worker* producer, dv_worker* w, int fd)
 {
     dv_directive d;
@@ -190,9 +201,11 @@ void hand_over(dv_worker* producer, dv_worker* w, int fd)
         // consumer that dies before echoing leaks this one descriptor;
         // that costs one descriptor per consumer death, and a restart
         // only happens after such a death, so the loss stays bounded.
-        w->idle = 0;
         w->handed = fd;
     } else {
+        pthread_mutex_lock(&producer->direct_lock);
+        w->idle = 1;
+        pthread_mutex_unlock(&producer->direct_lock);
         shutdown(fd, SHUT_RDWR);
         close(fd);
     }
@@ -210,7 +223,9 @@ void dispatch(dv_worker* producer, graveyard& dead)
         int fd = c->queue.sockfd;
         epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, fd, nullptr);
         producer->uids->turn = c->turn;
+        pthread_mutex_lock(&producer->direct_lock);
         unlink_client(producer, c);
+        pthread_mutex_unlock(&producer->direct_lock);
         dead.bury(c);
         hand_over(producer, chosen, fd);
     }
@@ -229,23 +244,27 @@ bool admitted(dv_handle* h, const struct ucred* cred)
     return admit(h->name, cred->pid, cred->uid, cred->gid, arg) != 0;
 }
 
-// Watches the listening socket again, or leaves it alone for a moment. A
-// failed watch is tried again after that moment too.
+// Watches the listening socket again (unless a consumer watches it), or
+// leaves it alone for a moment. A failed watch is tried again after that
+// moment too.
 void watch_listener(dv_worker* producer, bool on)
 {
+    pthread_mutex_lock(&producer->direct_lock);
+    producer->listen_again_ms = 0;
     if (on) {
-        struct epoll_event ev;
-        memset(&ev, 0, sizeof(ev));
-        ev.events = DV_EVENTS;
-        ev.data.ptr = &producer->queue;
-        if (epoll_ctl(producer->pollfd, EPOLL_CTL_ADD, producer->queue.sockfd, &ev) == 0 || errno == EEXIST) {
-            producer->listen_again_ms = 0;
-            return;
+        if (producer->direct_waiting == 0) {
+            struct epoll_event ev;
+            memset(&ev, 0, sizeof(ev));
+            ev.events = DV_EVENTS;
+            ev.data.ptr = &producer->queue;
+            if (epoll_ctl(producer->pollfd, EPOLL_CTL_ADD, producer->queue.sockfd, &ev) != 0 && errno != EEXIST)
+                producer->listen_again_ms = now_ms() + DV_ACCEPT_PAUSE_MS;
         }
     } else {
         epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, producer->queue.sockfd, nullptr);
+        producer->listen_again_ms = now_ms() + DV_ACCEPT_PAUSE_MS;
     }
-    producer->listen_again_ms = now_ms() + DV_ACCEPT_PAUSE_MS;
+    pthread_mutex_unlock(&producer->direct_lock);
 }
 
 // New descriptors take the lowest free number: one this close to the limit
@@ -260,7 +279,7 @@ bool leaves_reserve(int fd)
 void accept_client(dv_worker* producer, graveyard& dead)
 {
     dv_handle* h = producer->handle;
-    int fd = accept4(producer->queue.sockfd, nullptr, nullptr, SOCK_CLOEXEC);
+    int fd = dv_accept(producer->queue.sockfd);
     if (fd < 0) {
         // Out of descriptors or memory: the pending connection stays in the
         // backlog and would wake us at once, again and again. Those that
@@ -269,23 +288,15 @@ void accept_client(dv_worker* producer, graveyard& dead)
             watch_listener(producer, false);
         return;
     }
-    if (!leaves_reserve(fd)) {
+    uid_t uid;
+    bool out_of_fds = false;
+    if (!dv_admit_client(h, fd, &uid, &out_of_fds)) {
+        if (out_of_fds)
+            watch_listener(producer, false);
+        return;
+    }
+    if (producer->waiting > DV_MAX_WAITING_CLIENTS - 1 || waiting_of(producer, uid) >= DV_MAX_WAITING_PER_UID) {
         refuse(fd, DV_DIRECTIVE_BUSY);
-        watch_listener(producer, false);
-        return;
-    }
-    struct ucred cred;
-    socklen_t len = sizeof(cred);
-    bool have_cred = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0;
-    if (!admitted(h, have_cred ? &cred : nullptr)) {
-        refuse(fd, DV_DIRECTIVE_REJECT);
-        return;
-    }
-    const uid_t uid = have_cred ? cred.uid : static_cast<uid_t>(-1);
-    bool paused = __atomic_load_n(&h->paused, __ATOMIC_RELAXED);
-    if (producer->waiting > DV_MAX_WAITING_CLIENTS - 1 || paused ||
-        waiting_of(producer, uid) >= DV_MAX_WAITING_PER_UID) {
-        refuse(fd, paused ? DV_DIRECTIVE_PAUSED : DV_DIRECTIVE_BUSY);
         return;
     }
     // Nobody waits and a consumer is idle: the client goes straight to it,
@@ -315,7 +326,9 @@ void accept_client(dv_worker* producer, graveyard& dead)
         free(c);
         return;
     }
+    pthread_mutex_lock(&producer->direct_lock);
     link_client(producer, c);
+    pthread_mutex_unlock(&producer->direct_lock);
     dispatch(producer, dead);
 }
 
@@ -342,7 +355,9 @@ void consumer_directive(dv_worker* producer, dv_event_queue* q, graveyard& dead)
         uint64_t index;
         memcpy(&index, d.data, sizeof(index));
         if (index < h->service_size) {
+            pthread_mutex_lock(&producer->direct_lock);
             h->worker[index].idle = 1;
+            pthread_mutex_unlock(&producer->direct_lock);
             dispatch(producer, dead);
         }
         return;
@@ -351,6 +366,64 @@ void consumer_directive(dv_worker* producer, dv_event_queue* q, graveyard& dead)
 }
 
 }  // namespace
+
+int dv_accept(int listen_fd)
+{
+    return accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+}
+
+bool dv_admit_client(dv_handle* h, int fd, uid_t* uid, bool* out_of_fds)
+{
+    *out_of_fds = false;
+    if (!leaves_reserve(fd)) {
+        refuse(fd, DV_DIRECTIVE_BUSY);
+        *out_of_fds = true;
+        return false;
+    }
+    struct ucred cred;
+    socklen_t len = sizeof(cred);
+    bool have_cred = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0;
+    if (!admitted(h, have_cred ? &cred : nullptr)) {
+        refuse(fd, DV_DIRECTIVE_REJECT);
+        return false;
+    }
+    *uid = have_cred ? cred.uid : static_cast<uid_t>(-1);
+    if (__atomic_load_n(&h->paused, __ATOMIC_RELAXED)) {
+        refuse(fd, DV_DIRECTIVE_PAUSED);
+        return false;
+    }
+    return true;
+}
+
+void dv_direct_watch(dv_worker* producer, dv_worker* w, bool on)
+{
+    if (w->direct == on)
+        return;
+    const int listen_fd = producer->queue.sockfd;
+    struct epoll_event ev;
+    memset(&ev, 0, sizeof(ev));
+    if (on) {
+        // Every watcher is woken for a client, and those that lose the race
+        // find nothing to accept. Waking only one (EPOLLEXCLUSIVE) would
+        // lose the client when that one stops watching without taking it
+        // (claimed for a transfer meanwhile): the others would sleep on.
+        ev.events = EPOLLIN;
+        ev.data.fd = listen_fd;
+        if (epoll_ctl(w->pollfd, EPOLL_CTL_ADD, listen_fd, &ev) != 0)
+            return;  // then the producer hands it clients, as to any
+        w->direct = true;
+        if (producer->direct_waiting++ == 0 && producer->pollfd >= 0)
+            epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, listen_fd, nullptr);
+        return;
+    }
+    epoll_ctl(w->pollfd, EPOLL_CTL_DEL, listen_fd, nullptr);
+    w->direct = false;
+    if (--producer->direct_waiting == 0 && producer->listen_again_ms == 0 && producer->pollfd >= 0) {
+        ev.events = DV_EVENTS;
+        ev.data.ptr = &producer->queue;
+        epoll_ctl(producer->pollfd, EPOLL_CTL_ADD, listen_fd, &ev);
+    }
+}
 
 void dv_producer_worker_init(dv_handle* h, dv_worker* producer)
 {
@@ -363,6 +436,8 @@ void dv_producer_worker_init(dv_handle* h, dv_worker* producer)
     producer->client = -1;
     producer->uids = new dv_waiting_uids;
     producer->listen_again_ms = 0;
+    pthread_mutex_init(&producer->direct_lock, nullptr);
+    producer->direct_waiting = 0;
 
     struct stat st;
     if (lstat(h->sockfile, &st) != 0) {
@@ -379,7 +454,9 @@ void dv_producer_worker_init(dv_handle* h, dv_worker* producer)
     }
     unlink(h->sockfile);
 
-    producer->sockfd[1] = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // Non-blocking: idle consumers race for each client, and those that lose
+    // must not wait in accept.
+    producer->sockfd[1] = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (!(producer->sockfd[1] >= 0 && set_fd_cloexec(producer->sockfd[1])))
         dv_abort("[ABORT] @%s() producer-worker create listen socket fail: `%s'\n", "dv_producer_worker_init",
                  "(producer_worker->sockfd[1] = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && "
@@ -481,10 +558,14 @@ void dv_producer_worker(dv_worker* producer)
             h->worker[i].handed = -1;
         }
     }
+    // Consumers may still be running: the number must not be used after it
+    // is closed.
+    pthread_mutex_lock(&producer->direct_lock);
     if (producer->pollfd >= 0) {
         close(producer->pollfd);
         producer->pollfd = -1;
     }
+    pthread_mutex_unlock(&producer->direct_lock);
     delete producer->uids;
     producer->uids = nullptr;
 }

@@ -144,11 +144,13 @@ DV_API void dv_io_sync(dv_io* io);
 typedef void (*dv_exec_fn)(const char* name, dv_io* io, int fd);
 typedef void (*dv_hook_fn)(void* arg);
 /*
- * Admission of a connecting client, asked by the producer with the peer's
- * credentials (SO_PEERCRED) before the client waits or takes a worker.
- * Non-zero admits; zero answers the reject directive (the client reports
- * DV_STATUS_REJECTED) and closes the connection. Runs on the producer's
- * thread, once per connection: it must be quick and must not block.
+ * Admission of a connecting client, asked with the peer's credentials
+ * (SO_PEERCRED) before the client waits or takes a worker. Non-zero admits;
+ * zero answers the reject directive (the client reports DV_STATUS_REJECTED)
+ * and closes the connection. Runs once per connection on the producer's
+ * thread or, in thread mode, on the idle worker that accepts the client
+ * (several at once): it must be quick, must not block, and must be safe to
+ * call from several threads.
  */
 typedef int (*dv_admit_fn)(const char* service, int pid, uint32_t uid, uint32_t gid, void* arg);
 

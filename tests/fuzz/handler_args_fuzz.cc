@@ -28,6 +28,7 @@
 
 #include "daemon/command_table.h"
 #include "daemon/json.h"
+#include "daemon/log.h"
 #include "dv.h"
 #include "platform/paths.h"
 #include "support/debug_log.h"
@@ -242,6 +243,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         world = std::make_unique<World>();
         world->root.make_current();
         pin_platform_libraries(world->root);
+        dbg_printf2("fuzzing");  // the debug log stays open from its first line
         world->baseline_fds = count_open_fds();
     }
     if (size == 0)
