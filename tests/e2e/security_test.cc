@@ -280,8 +280,8 @@ TEST_F(Security, CallersWithoutAGrantAreRefusedAndAudited)
         EXPECT_TRUE(line.empty() || line.rfind(prefix, 0) == 0) << line;
 }
 
-// The policy is read again on SIGHUP; one that others could have written
-// grants nothing, and the log says so.
+// The policy is read again on SIGHUP, user names resolved; one that others
+// could have written, or swapped through its directory, grants nothing.
 TEST_F(Security, ThePolicyIsReadAgainOnSighupAndIgnoredWhenOthersCouldWriteIt)
 {
     if (!can_switch_user())
@@ -303,7 +303,7 @@ TEST_F(Security, ThePolicyIsReadAgainOnSighupAndIgnoredWhenOthersCouldWriteIt)
     const std::string echo = exec_request({"/bin/echo", "hi"});
     EXPECT_EQ(spare("exec_cli", echo), "0|" + kDenied);
     ASSERT_TRUE(reload_policy(root_, daemon_,
-                              root_.read_file(PATH_CALLER_POLICY) + "exec_cli = uid:65534\n[queues]\nsenders = nogroup\n"));
+                              root_.read_file(PATH_CALLER_POLICY) + "exec_cli = user:nobody\n[queues]\nsenders = nogroup\n"));
     EXPECT_EQ(spare("exec_cli", echo), "0|" + exec_reply(0, "result", "hi\n"));
     EXPECT_EQ(queue_modes(), "400:65534 400:65534 ");  // 0620
 
@@ -314,6 +314,13 @@ TEST_F(Security, ThePolicyIsReadAgainOnSighupAndIgnoredWhenOthersCouldWriteIt)
                                        "others: only root may call.\n"),
               std::string::npos);
     EXPECT_EQ(queue_modes(), "384:" + std::to_string(getegid()) + " 384:" + std::to_string(getegid()) + " ");
+    // The file is fine again, but others could swap it through its directory.
+    ASSERT_EQ(chmod(root_.abs(PATH_CALLER_POLICY).c_str(), 0644), 0);
+    ASSERT_EQ(chmod(root_.abs("/etc/config").c_str(), 0777), 0);
+    ASSERT_TRUE(reload_policy(root_, daemon_));
+    EXPECT_EQ(spare("test", "{}"), "4|");
+    EXPECT_NE(daemon_.debug_log().find("/etc/config is writable by group or others: only root may call.\n"),
+              std::string::npos);
     EXPECT_EQ(daemon_.call("test", "{}"), kTestReply);
 }
 

@@ -117,6 +117,8 @@ TEST_F(SharesAndAnalytics, InputErrorsAndAMissingControlScriptRunNothing)
     const std::pair<const char*, std::string> parse_errors[] = {
         {"system_call_share_lock_remove", R"({"share_name": 5})"},
         {"system_call_share_lock_add", R"({"share": "Recordings"})"},
+        // Cut short at the NUL, it would lock another share than the one checked.
+        {"system_call_share_lock_add", R"({"share_name": "Rec\u0000ordings"})"},
         {"system_call_tandex_list_add", R"({"exclude_name": "vexpro"})"},
         {"system_zel_smb_setfolder_priv", R"({"share_name": "R", "command": "set"})"},
         {"system_call_cloud_analysis_register", R"({"provide_id": "vexpro"})"},
