@@ -67,8 +67,54 @@ void set_failure(Json::Value& reply, const char* text)
     reply["result"] = -1;
 }
 
-bool fetch_request_args(dv_io* io, Json::Value& reply, std::initializer_list<RequestArg> args, Json::Value* root,
-                        const char* handler, int line)
+namespace {
+
+// Whether an output can hold what a key of this type reads into.
+bool output_fits(const char* key_type, const char* out_type)
+{
+    if (strcmp(key_type, "bool") == 0)
+        return strcmp(out_type, "int") == 0;
+    return strcmp(key_type, out_type) == 0;
+}
+
+}  // namespace
+
+bool parse_request_args(const std::string& text, T_ARG_POLICY keys, std::initializer_list<ArgOut> outs,
+                        Json::Value* root, const char* handler, int line)
+{
+    // A handler whose outputs do not match its row would store a value
+    // into the wrong kind of variable: refuse the request instead.
+    bool fits = keys.size() == outs.size();
+    for (size_t i = 0; fits && i < keys.size(); ++i)
+        fits = output_fits(keys[i].type, outs.begin()[i].type);
+    if (!fits) {
+        dbg_printf2("[%s][%d] the outputs do not fit the command's keys.", handler, line);
+        return false;
+    }
+    Json::Value parsed;
+    bool error = !json_parse(text, parsed);
+    if (!error)
+        for (size_t i = 0; i < keys.size(); ++i)
+            parser_param_from_json_str(parsed, keys[i].key, outs.begin()[i].out, keys[i].type, &error);
+    // Text arguments end up as C strings (program arguments, library calls,
+    // file names): one holding a NUL byte would be cut short there and mean
+    // something else than what was checked, so it is refused.
+    for (size_t i = 0; i < keys.size(); ++i) {
+        if (!error && strcmp(keys[i].type, "string") == 0 &&
+            static_cast<std::string*>(outs.begin()[i].out)->find('\0') != std::string::npos) {
+            dbg_printf2("[%s][%d] %s holds a NUL byte.", handler, line, keys[i].key);
+            error = true;
+        }
+    }
+    if (error)
+        return false;
+    if (root)
+        *root = std::move(parsed);
+    return true;
+}
+
+bool fetch_request_args(dv_io* io, Json::Value& reply, T_ARG_POLICY keys, std::initializer_list<ArgOut> outs,
+                        Json::Value* root, const char* handler, int line)
 {
     std::string text;
     if (!read_request_text(io, text)) {
@@ -76,27 +122,10 @@ bool fetch_request_args(dv_io* io, Json::Value& reply, std::initializer_list<Req
         set_input_error(reply);
         return false;
     }
-    Json::Value parsed;
-    bool error = !json_parse(text, parsed);
-    if (!error)
-        for (const RequestArg& arg : args)
-            parser_param_from_json_str(parsed, arg.key, arg.out, arg.type, &error);
-    // Text arguments end up as C strings (program arguments, library calls,
-    // file names): one holding a NUL byte would be cut short there and mean
-    // something else than what was checked, so it is refused.
-    for (const RequestArg& arg : args) {
-        if (!error && strcmp(arg.type, "string") == 0 &&
-            static_cast<std::string*>(arg.out)->find('\0') != std::string::npos) {
-            dbg_printf2("[%s][%d] %s holds a NUL byte.", handler, line, arg.key);
-            error = true;
-        }
-    }
-    if (error) {
+    if (!parse_request_args(text, keys, outs, root, handler, line)) {
         set_parse_error(reply);
         return false;
     }
-    if (root)
-        *root = std::move(parsed);
     return true;
 }
 

@@ -1,9 +1,10 @@
 // The steps command handlers share, so that each handler reads top to
-// bottom: fetch its arguments, do its work, set its reply keys, reply.
+// bottom: fetch its arguments, do its work, set its reply keys, reply. The
+// keys a handler reads are its row's (handlers/registry.h), never its own:
 //
 //     Json::Value reply;
 //     int offset = 0, length = 0;
-//     if (fetch_request_args(io, reply, {{"offest", &offset}, {"length", &length}})) {
+//     if (fetch_request_args(io, reply, keys::get_vpd_ext_area, {&offset, &length})) {
 //         ... work, then reply["result"] = 0 or set_failure(reply, "... fail") ...
 //     }
 //     send_reply(io, reply);
@@ -16,6 +17,7 @@
 #include <initializer_list>
 #include <string>
 
+#include "daemon/command_table.h"
 #include "dv.h"
 
 // Requests longer than this are refused as "input error"; no command needs
@@ -30,32 +32,32 @@ inline constexpr size_t REQUEST_TEXT_MAX = 64 << 10;
 // longer than REQUEST_TEXT_MAX, or a read error.
 bool read_request_text(dv_io* io, std::string& text);
 
-// One argument a handler expects: its key and where its value goes. The
-// output's type chooses the JSON type that is accepted, so the two cannot
-// disagree: std::string "string", int32_t "int", int64_t "long", and
-// boolean() for a JSON true/false stored as int32_t 1/0.
-struct RequestArg {
-    const char* key;
-    const char* type;
+// Where one argument's value goes, in the order of the row's keys. The
+// output's type must fit the key's: std::string "string", int32_t "int" or
+// "bool" (a JSON true/false stored as 1/0), int64_t "long".
+struct ArgOut {
+    const char* type;  // the widest key type the output takes
     void* out;
 
-    RequestArg(const char* k, std::string* o) : key(k), type("string"), out(o) {}
-    RequestArg(const char* k, int32_t* o) : key(k), type("int"), out(o) {}
-    RequestArg(const char* k, int64_t* o) : key(k), type("long"), out(o) {}
-    static RequestArg boolean(const char* k, int32_t* o) { return RequestArg(k, "bool", o); }
-
-private:
-    RequestArg(const char* k, const char* t, void* o) : key(k), type(t), out(o) {}
+    ArgOut(std::string* o) : type("string"), out(o) {}
+    ArgOut(int32_t* o) : type("int"), out(o) {}
+    ArgOut(int64_t* o) : type("long"), out(o) {}
 };
 
-// Reads the request text, parses it and fetches every argument into its
-// output (all of them, so the log names every bad one). True when all went
-// well. Otherwise reply already holds the input error and nothing must run:
-// no text gives "input error" (logged as "dv_io input fail." under the
-// handler's name and line, which default to the caller's); text that is not
-// JSON, or a missing or mistyped argument, gives "paser fail"; both with
-// "error_code" -1. root, when given, receives the parsed request.
-bool fetch_request_args(dv_io* io, Json::Value& reply, std::initializer_list<RequestArg> args,
+// Reads the request text, parses it and fetches every key of keys into the
+// output at its place (all of them, so the log names every bad one). True
+// when all went well. Otherwise reply already holds the input error and
+// nothing must run: no text gives "input error" (logged as "dv_io input
+// fail." under the handler's name and line, which default to the caller's);
+// text that is not JSON, a missing or mistyped argument, or outputs that do
+// not fit the keys give "paser fail"; both with "error_code" -1. root, when
+// given, receives the parsed request.
+bool fetch_request_args(dv_io* io, Json::Value& reply, T_ARG_POLICY keys, std::initializer_list<ArgOut> outs,
+                        Json::Value* root = nullptr, const char* handler = __builtin_FUNCTION(),
+                        int line = __builtin_LINE());
+
+// The same, for a handler that has read the request text itself.
+bool parse_request_args(const std::string& text, T_ARG_POLICY keys, std::initializer_list<ArgOut> outs,
                         Json::Value* root = nullptr, const char* handler = __builtin_FUNCTION(),
                         int line = __builtin_LINE());
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 
 #include "daemon/handler_kit.h"
 #include "daemon/json.h"
@@ -43,6 +44,22 @@ JsonFields::JsonFields(const Json::Value& object, std::string where) : object_(o
 {
     if (!object_.isObject() && !object_.isNull())
         error_ = (where_.empty() ? std::string("value") : where_) + " is not an object";
+}
+
+JsonFields::JsonFields(const Json::Value& object, T_ARG_POLICY keys, std::string where)
+    : JsonFields(object, std::move(where))
+{
+    keys_ = keys;
+}
+
+const char* JsonFields::next_key(const char* type)
+{
+    if (next_ < keys_.size() && strcmp(keys_[next_].type, type) == 0)
+        return keys_[next_++].key;
+    if (error_.empty())
+        error_ = std::string("the handler reads a ") + type + " where its command has none";
+    next_ = keys_.size();
+    return "";
 }
 
 const Json::Value* JsonFields::member(const char* key, Json::ValueType want, const char* type_name)

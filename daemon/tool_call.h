@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "daemon/capture.h"
+#include "daemon/command_table.h"
 #include "dv.h"
 
 // Sets reply to "input error", "error_code" -1, after logging
@@ -37,10 +38,20 @@ bool parse_request_object(dv_io* io, Json::Value& root, Json::Value& reply, cons
 // one rule as a bare object or text would get "done" with nothing done. A
 // value that is neither an object nor null has no members and is an error
 // itself.
+//
+// Read through a command's keys (handlers/registry.h), the next_ members
+// take those keys one after the other, in the row's order; one whose type
+// does not fit the key read is a fault of the handler and an error too.
 class JsonFields {
 public:
     // object must outlive the reader; where names it in error().
     explicit JsonFields(const Json::Value& object, std::string where = "");
+    JsonFields(const Json::Value& object, T_ARG_POLICY keys, std::string where = "");
+
+    std::string next_text(const char* missing = "") { return text(next_key("string"), missing); }
+    int next_number() { return number(next_key("int")); }
+    bool next_flag() { return flag(next_key("bool")); }
+    const Json::Value& next_list() { return list(next_key("array")); }
 
     std::string text(const char* key, const char* missing = "");
     int number(const char* key);
@@ -53,8 +64,13 @@ public:
 
 private:
     const Json::Value* member(const char* key, Json::ValueType want, const char* type_name);
+    // The next of keys_ when it has this type; otherwise an error, and a
+    // key no request holds.
+    const char* next_key(const char* type);
 
     const Json::Value& object_;
+    T_ARG_POLICY keys_;
+    size_t next_ = 0;
     std::string where_;
     std::string error_;
 };

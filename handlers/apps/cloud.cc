@@ -9,6 +9,7 @@
 #include "daemon/log.h"
 #include "daemon/tool_call.h"
 #include "handlers/handlers.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
 
 // One access-token request: what the app sent, and the argument vector made
@@ -103,10 +104,8 @@ void nox_system_call_cloud_get_access_token_handler(dv_io* io, int)
 {
     T_DOVEL_VEXPROD_CLOUD_OAUTH oauth;
     Json::Value reply;
-    if (!fetch_request_args(io, reply,
-                            {{"client_id", &oauth.client_id},
-                             {"client_secret", &oauth.client_secret},
-                             {"access_token", &oauth.access_token}})) {
+    if (!fetch_request_args(io, reply, keys::system_call_cloud_get_access_token,
+                            {&oauth.client_id, &oauth.client_secret, &oauth.access_token})) {
         send_reply(io, reply);
         return;
     }

@@ -9,6 +9,7 @@
 #include "daemon/runner.h"
 #include "daemon/tool_call.h"
 #include "handlers/handlers.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
 
 // One connection-log entry as the app sends it. The numeric types mean
@@ -44,7 +45,7 @@ void nox_system_call_log_tool_handler(dv_io* io, int)
     Json::Value reply;
     int32_t log_type = 0;
     std::string log_mseg;
-    if (fetch_request_args(io, reply, {{"log_type", &log_type}, {"log_mseg", &log_mseg}})) {
+    if (fetch_request_args(io, reply, keys::system_call_log_tool, {&log_type, &log_mseg})) {
         const std::vector<std::string> args =
             tool_argv(PATH_LOG_TOOL, {"-t", std::to_string(log_type), "-a", log_mseg});
         for (size_t i = 0; i < args.size(); i++)
@@ -64,14 +65,9 @@ void nox_system_conn_log_tool_handler(dv_io* io, int)
 {
     Json::Value reply;
     T_CONN_LOG_TOOL entry;
-    if (fetch_request_args(io, reply,
-                           {{"log_type", &entry.log_type},
-                            {"service_type", &entry.service_type},
-                            {"action_type", &entry.action_type},
-                            {"log_mseg", &entry.log_mseg},
-                            {"user_name", &entry.user_name},
-                            {"IP", &entry.ip},
-                            {"computer_name", &entry.computer_name}})) {
+    if (fetch_request_args(io, reply, keys::system_conn_log_tool,
+                           {&entry.log_type, &entry.service_type, &entry.action_type, &entry.log_mseg,
+                            &entry.user_name, &entry.ip, &entry.computer_name})) {
         // An empty value is still its own argument, so the options keep
         // their places.
         const std::vector<std::string> args = tool_argv(PATH_CONN_LOG_TOOL,

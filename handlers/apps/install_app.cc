@@ -11,6 +11,7 @@
 #include "daemon/log.h"
 #include "daemon/tool_call.h"
 #include "handlers/handlers.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
 
 namespace {
@@ -35,9 +36,9 @@ void nox_install_app_handler(dv_io* io, int)
         send_reply(io, reply);
         return;
     }
-    JsonFields request(root);
-    const std::string folder = request.text("sys_install_folder");
-    const std::string package = request.text("app_file_path");
+    JsonFields request(root, keys::install_app);
+    const std::string folder = request.next_text();
+    const std::string package = request.next_text();
     // "install_volume" is not read: the script chooses the volume itself.
     if (!request.ok()) {
         reject_request(reply, request.error());

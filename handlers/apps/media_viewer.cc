@@ -15,6 +15,7 @@
 #include "daemon/reply.h"
 #include "daemon/strutil.h"
 #include "handlers/handlers.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
 
 namespace {
@@ -53,7 +54,7 @@ bool parse_cmd(const std::string& text, std::string& cmd)
     Json::Value root;
     bool error = !json_parse(text, root);
     if (!error)
-        parser_param_from_json_str(root, "cmd", &cmd, "string", &error);
+        parser_param_from_json_str(root, keys::cmv_cli[0].key, &cmd, keys::cmv_cli[0].type, &error);
     return !error;
 }
 

@@ -17,6 +17,7 @@
 #include "daemon/log.h"
 #include "daemon/tool_call.h"
 #include "handlers/handlers.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
 
 int get_ssl_cipher(std::string* cipher)
@@ -202,15 +203,15 @@ void add_rules(const Json::Value& rules, const char* handler)
 
     for (Json::ArrayIndex i = 0; i < rules.size(); ++i) {
         const int index = static_cast<int>(i);
-        JsonFields fields(rules[i], "jRuleList[" + std::to_string(index) + "]");
+        JsonFields fields(rules[i], keys::reverse_proxy_rule, "jRuleList[" + std::to_string(index) + "]");
         ProxyRule rule;
-        rule.guid = fields.text("GUID");
-        rule.port = fields.number("port");
-        rule.des_port = fields.number("des_port");
-        rule.protocol = fields.text("protocol");
-        rule.des_protocol = fields.text("des_protocol");
-        rule.hsts = fields.flag("hsts");
-        rule.host_name = fields.text("host_name");
+        rule.guid = fields.next_text();
+        rule.port = fields.next_number();
+        rule.des_port = fields.next_number();
+        rule.protocol = fields.next_text();
+        rule.des_protocol = fields.next_text();
+        rule.hsts = fields.next_flag();
+        rule.host_name = fields.next_text();
         // "proxy_timeout" is not read: the time-outs in the file are fixed.
         if (!fields.ok()) {
             dbg_printf2("[%s][%d] %s, skipped", handler, __LINE__, fields.error().c_str());
@@ -233,8 +234,8 @@ void delete_rules(const Json::Value& rules, const char* handler)
 {
     for (Json::ArrayIndex i = 0; i < rules.size(); ++i) {
         const int index = static_cast<int>(i);
-        JsonFields fields(rules[i], "jRuleList[" + std::to_string(index) + "]");
-        std::string guid = fields.text("GUID");
+        JsonFields fields(rules[i], keys::reverse_proxy_rule, "jRuleList[" + std::to_string(index) + "]");
+        std::string guid = fields.next_text();
         if (!fields.ok()) {
             dbg_printf2("[%s][%d] %s, skipped", handler, __LINE__, fields.error().c_str());
             continue;
@@ -257,8 +258,8 @@ void nox_reverse_proxy_handler(dv_io* io, int)
         send_reply(io, reply);
         return;
     }
-    JsonFields request(root);
-    const std::string action = request.text("action");
+    JsonFields request(root, keys::reverse_proxy);
+    const std::string action = request.next_text();
     if (!request.ok()) {
         reject_request(reply, request.error());
         send_reply(io, reply);
@@ -269,7 +270,7 @@ void nox_reverse_proxy_handler(dv_io* io, int)
         DBG("unknown action = %s", action.c_str());
         return;
     }
-    const Json::Value& rules = request.list("rule_list");
+    const Json::Value& rules = request.next_list();
     if (!request.ok()) {
         reject_request(reply, request.error());
         send_reply(io, reply);

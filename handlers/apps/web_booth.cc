@@ -7,6 +7,7 @@
 #include "daemon/log.h"
 #include "daemon/tool_call.h"
 #include "handlers/handlers.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
 
 void nox_web_booth_handler(dv_io* io, int)
@@ -16,10 +17,10 @@ void nox_web_booth_handler(dv_io* io, int)
         send_reply(io, reply);
         return;
     }
-    JsonFields request(root);
-    const std::string action = request.text("action");
-    const std::string token = "token=" + request.text("auth_token");
-    const Json::Value& rules = request.list("rule_list");
+    JsonFields request(root, keys::web_booth);
+    const std::string action = request.next_text();
+    const std::string token = "token=" + request.next_text();
+    const Json::Value& rules = request.next_list();
     if (!request.ok()) {
         reject_request(reply, request.error());
         send_reply(io, reply);
@@ -34,13 +35,13 @@ void nox_web_booth_handler(dv_io* io, int)
     }
 
     // Only the first rule counts: one container per request.
-    JsonFields rule(rules[0], "jRuleList[0]");
-    const std::string id = "id=" + rule.text("bs_id");
-    const std::string des_protocol = rule.text("des_protocol");
-    const std::string host_name = rule.text("host_name");
-    const int des_port = rule.number("des_port");
+    JsonFields rule(rules[0], keys::web_booth_rule, "jRuleList[0]");
+    const std::string id = "id=" + rule.next_text();
+    const std::string des_protocol = rule.next_text();
+    const std::string host_name = rule.next_text();
+    const int des_port = rule.next_number();
     const std::string open_url = "open_url=" + des_protocol + "://" + host_name + ":" + std::to_string(des_port);
-    const std::string type = "type=" + rule.text("browser_type", "chrome");
+    const std::string type = "type=" + rule.next_text("chrome");
     if (!rule.ok()) {
         reject_request(reply, rule.error());
         send_reply(io, reply);

@@ -11,6 +11,7 @@
 #include "daemon/log.h"
 #include "daemon/platform_lib.h"
 #include "handlers/handlers.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
 #include "platform/platform_libs.h"
 
@@ -81,7 +82,7 @@ void nox_get_group_members_handler(dv_io* io, int)
 {
     Json::Value reply;
     std::string group_name;
-    if (fetch_request_args(io, reply, {{"group_name", &group_name}})) {
+    if (fetch_request_args(io, reply, keys::get_group_members, {&group_name})) {
         char** members = nullptr;
         int count = -1;
         bool called = call_platform_function(

@@ -9,6 +9,7 @@
 #include "daemon/handler_kit.h"
 #include "daemon/runner.h"
 #include "handlers/handlers.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
 
 namespace {
@@ -34,7 +35,7 @@ void nox_system_call_cloud_analysis_register_handler(dv_io* io, int)
 {
     Json::Value reply;
     std::string provide_id, command;
-    if (fetch_request_args(io, reply, {{"provide_id", &provide_id}, {"command", &command}}))
+    if (fetch_request_args(io, reply, keys::cloud_analysis, {&provide_id, &command}))
         // The data directory is ours to choose, never the caller's.
         run_metrix_tool(reply, {command.c_str(), "-p", provide_id.c_str(), "-c", PATH_ANALYTIC_DIR},
                         "nox_system_call_cloud_analysis_register_handler fail");
@@ -45,11 +46,8 @@ void nox_system_call_cloud_analysis_send_handler(dv_io* io, int)
 {
     Json::Value reply;
     std::string provide_id, command, record_type, record_text;
-    if (fetch_request_args(io, reply,
-                           {{"provide_id", &provide_id},
-                            {"command", &command},
-                            {"record_type", &record_type},
-                            {"record_text", &record_text}}))
+    if (fetch_request_args(io, reply, keys::cloud_analysis_send,
+                           {&provide_id, &command, &record_type, &record_text}))
         run_metrix_tool(reply,
                         {command.c_str(), "-p", provide_id.c_str(), "-r", record_type.c_str(), "-e",
                          record_text.c_str()},
@@ -61,7 +59,7 @@ void nox_system_call_cloud_analysis_flush_handler(dv_io* io, int)
 {
     Json::Value reply;
     std::string provide_id, command;
-    if (fetch_request_args(io, reply, {{"provide_id", &provide_id}, {"command", &command}}))
+    if (fetch_request_args(io, reply, keys::cloud_analysis, {&provide_id, &command}))
         run_metrix_tool(reply, {command.c_str(), "-p", provide_id.c_str()},
                         "nox_system_call_cloud_analysis_flush_handler fail");
     send_reply(io, reply);
@@ -71,7 +69,7 @@ void nox_system_call_cloud_analysis_unregister_handler(dv_io* io, int)
 {
     Json::Value reply;
     std::string provide_id, command;
-    if (fetch_request_args(io, reply, {{"provide_id", &provide_id}, {"command", &command}}))
+    if (fetch_request_args(io, reply, keys::cloud_analysis, {&provide_id, &command}))
         run_metrix_tool(reply, {command.c_str(), "-p", provide_id.c_str()},
                         "nox_system_call_cloud_analysis_unregister_handler fail");
     send_reply(io, reply);

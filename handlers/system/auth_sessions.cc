@@ -8,6 +8,7 @@
 #include "daemon/handler_kit.h"
 #include "daemon/platform_lib.h"
 #include "handlers/handlers.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
 #include "platform/platform_libs.h"
 
@@ -19,7 +20,7 @@ void nox_vex_auth_add_session_handler(dv_io* io, int)
     Json::Value reply;
     int32_t type = 0;
     std::string user, sid;
-    if (fetch_request_args(io, reply, {{"type", &type}, {"user", &user}, {"sid", &sid}})) {
+    if (fetch_request_args(io, reply, keys::vex_auth_add_session, {&type, &user, &sid})) {
         int ret = -1;
         bool called = call_platform_function(
             PATH_LIB_NASAUTH, "auth_add_session", p_auth_add_session,
@@ -39,7 +40,7 @@ void nox_vex_auth_get_session_handler(dv_io* io, int)
     std::string sid;
     // Callers have always sent "length"; it is required but the buffer is
     // ours, sized for the platform's longest name, never the caller's.
-    if (fetch_request_args(io, reply, {{"type", &type}, {"length", &length}, {"sid", &sid}})) {
+    if (fetch_request_args(io, reply, keys::vex_auth_get_session, {&type, &length, &sid})) {
         char user[AUTH_USER_BUF_LEN] = {};
         int ret = -1;
         bool called = call_platform_function(PATH_LIB_NASAUTH, "auth_get_session", p_auth_get_session,

@@ -15,6 +15,7 @@
 #include "daemon/runner.h"
 #include "daemon/strutil.h"
 #include "handlers/handlers.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
 
 namespace {
@@ -100,7 +101,7 @@ void nox_update_ip_ban_list_handler(dv_io* io, int)
 {
     Json::Value reply;
     std::string ip_list;
-    if (fetch_request_args(io, reply, {{"ip_list", &ip_list}})) {
+    if (fetch_request_args(io, reply, keys::update_ip_ban_list, {&ip_list})) {
         // Pieces are taken as they are: blanks kept, no de-duplication; an
         // empty list denies nobody.
         std::vector<std::string> addresses = str_split_to_vector(ip_list, ",", true);

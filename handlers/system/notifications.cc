@@ -11,6 +11,7 @@
 #include "daemon/runner.h"
 #include "daemon/strutil.h"
 #include "handlers/handlers.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
 
 namespace {
@@ -62,7 +63,7 @@ void nox_system_call_nc_notify_handler(dv_io* io, int)
 {
     Json::Value reply;
     std::string nc_notify;
-    if (fetch_request_args(io, reply, {{"nc_notify", &nc_notify}})) {
+    if (fetch_request_args(io, reply, keys::system_call_nc_notify, {&nc_notify})) {
         std::string script;
         int status = -1;
         std::vector<std::string> words;
@@ -82,7 +83,7 @@ void nox_system_get_tierlink_cloud_usage_handler(dv_io* io, int)
 {
     Json::Value reply;
     std::string full_path;
-    if (fetch_request_args(io, reply, {{"full_path", &full_path}})) {
+    if (fetch_request_args(io, reply, keys::system_get_tierlink_cloud_usage, {&full_path})) {
         // The figure as getfattr prints it, even empty when the folder has
         // none: the app interprets it.
         std::string size_info;
@@ -112,7 +113,7 @@ void nox_return_handler(dv_io* io, int)
 {
     Json::Value reply;
     int32_t cmd = 0, type = 0, acy = 0;
-    if (fetch_request_args(io, reply, {{"cmd", &cmd}, {"type", &type}, {"acy", &acy}})) {
+    if (fetch_request_args(io, reply, keys::notify_return, {&cmd, &type, &acy})) {
         int status = -1;
         std::string script;
         if (cmd != 3)

@@ -29,6 +29,7 @@
 #include "daemon/safe_files.h"
 #include "daemon/strutil.h"
 #include "handlers/handlers.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
 
 namespace {
@@ -340,7 +341,7 @@ void nox_get_sess_id_handler(dv_io* io, int)
 {
     Json::Value reply;
     std::string user, pwd;
-    if (fetch_request_args(io, reply, {{"user", &user}, {"pwd", &pwd}})) {
+    if (fetch_request_args(io, reply, keys::get_sess_id, {&user, &pwd})) {
         std::string sid;
         if (admctl_session_id(user, pwd, sid)) {
             reply["sid"] = sid;
@@ -357,8 +358,7 @@ void nox_sendmail_handler(dv_io* io, int)
 {
     Json::Value reply;
     std::string user, pwd, config_file, content_file;
-    if (fetch_request_args(io, reply, {{"user", &user}, {"pwd", &pwd}, {"config_file", &config_file},
-                                       {"content_file", &content_file}})) {
+    if (fetch_request_args(io, reply, keys::sendmail, {&user, &pwd, &config_file, &content_file})) {
         MailJob job(user, pwd, config_file, content_file);
         job.caller = static_cast<uid_t>(dv_io_uid(io));
         DBG("exec sendmail start.");

@@ -7,13 +7,14 @@
 #include "daemon/handler_kit.h"
 #include "daemon/runner.h"
 #include "handlers/handlers.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
 
 void nox_system_call_share_lock_add_handler(dv_io* io, int)
 {
     Json::Value reply;
     std::string share_name;
-    if (fetch_request_args(io, reply, {{"share_name", &share_name}})) {
+    if (fetch_request_args(io, reply, keys::share_lock, {&share_name})) {
         int status = dwe_vexprod_tarsk_exec(nullptr, nullptr, nullptr, platform_path(PATH_SHARE_LOCK).c_str(), "add",
                                             share_name.c_str(), "VexProServer", nullptr);
         if (status == 0)
@@ -28,7 +29,7 @@ void nox_system_call_share_lock_remove_handler(dv_io* io, int)
 {
     Json::Value reply;
     std::string share_name;
-    if (fetch_request_args(io, reply, {{"share_name", &share_name}})) {
+    if (fetch_request_args(io, reply, keys::share_lock, {&share_name})) {
         // A lock is removed by share alone: the owner is not named here.
         int status = dwe_vexprod_tarsk_exec(nullptr, nullptr, nullptr, platform_path(PATH_SHARE_LOCK).c_str(),
                                             "remove", share_name.c_str(), nullptr);
@@ -44,7 +45,7 @@ void nox_system_call_tandex_list_add_handler(dv_io* io, int)
 {
     Json::Value reply;
     std::string exclude_name, exclude_path;
-    if (fetch_request_args(io, reply, {{"exclude_name", &exclude_name}, {"exclude_path", &exclude_path}})) {
+    if (fetch_request_args(io, reply, keys::system_call_tandex_list_add, {&exclude_name, &exclude_path})) {
         // The app's control script knows how to reach the search product;
         // without one there is nothing to run.
         std::string script;
@@ -64,8 +65,8 @@ void nox_system_zel_smb_setfolder_priv_handler(dv_io* io, int)
 {
     Json::Value reply;
     std::string share_name, command, priv_type;
-    if (fetch_request_args(io, reply,
-                           {{"share_name", &share_name}, {"command", &command}, {"priv_type", &priv_type}})) {
+    if (fetch_request_args(io, reply, keys::system_zel_smb_setfolder_priv,
+                           {&share_name, &command, &priv_type})) {
         // The script takes its action first, then the share.
         int status = dwe_vexprod_tarsk_exec(nullptr, nullptr, nullptr, platform_path(PATH_SMB_UPDATE).c_str(),
                                             command.c_str(), share_name.c_str(), priv_type.c_str(), nullptr);

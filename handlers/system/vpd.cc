@@ -8,6 +8,7 @@
 #include "daemon/log.h"
 #include "daemon/strutil.h"
 #include "handlers/handlers.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
 
 int system_call_hwdapp_vpdget(const char* obj_index, std::string* out)
@@ -81,8 +82,7 @@ void nox_get_vpd_ext_area_handler(dv_io* io, int)
 {
     Json::Value reply;
     int offset = 0, length = 0;
-    // "offest" is the key callers have always sent.
-    if (fetch_request_args(io, reply, {{"offest", &offset}, {"length", &length}})) {
+    if (fetch_request_args(io, reply, keys::get_vpd_ext_area, {&offset, &length})) {
         std::string area;
         int ret = system_call_hwdapp_vpdget_ext_area(offset, length, &area);
         if (ret == 0) {
