@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "describe.h"
 #include "internal.h"
 
 namespace {
@@ -267,6 +268,8 @@ void serve_request(consumer_state& s, const dv_directive& d)
     }
     if ((w->mode & DV_PROCESS_MODE) && have_cred)
         adopt_environment(cred.pid);
+    if (dv_answer_description(w->handle, io, extra))
+        return;
     w->exec(io->name, io, extra);
 }
 

@@ -321,6 +321,7 @@ DV_API void dv_free(dv_handle* service_handle)
     dv_stop(service_handle);
     pthread_mutex_destroy(&service_handle->run_lock);
     pthread_cond_destroy(&service_handle->run_cond);
+    free(service_handle->description);
     service_handle->magic = 0;
     free(service_handle);
 }

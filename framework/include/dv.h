@@ -178,6 +178,8 @@ typedef struct dv_handle {
     /* Private: set by dv_set_admit. */
     dv_admit_fn admit;
     void* admit_arg;
+    /* Private: set by dv_set_description, freed by dv_free. */
+    char* description;
 } dv_handle;
 
 DV_API dv_handle* dv_create(const char* name, uint32_t mode, size_t workers, dv_exec_fn exec);
@@ -210,6 +212,23 @@ DV_API const char* dv_socket_dir(void);
  * the name's SHA-1 cannot be computed. Used by server and client alike.
  */
 DV_API int dv_sockfile(const char* name, char* buf, size_t size);
+
+/*
+ * Introspection. A service may describe itself to its callers: one JSON text
+ * of its commands, their request keys and types and what they answer (the
+ * daemon's form: {"service": NAME, "commands": [{"name", "summary", "args":
+ * [{"key", "type"}], ...}]}). A copy is kept; call it before dv_start.
+ * Returns 0, or -1 when there is no memory for the copy.
+ *
+ * DV_DESCRIBE_COMMAND is then answered by the framework itself with that
+ * text, before the exec callback would see the request: no application
+ * command can have this name (the dot keeps it apart from every command
+ * name made of letters, digits and underscores). A service that registered
+ * no description gets the name like any other, so a dispatcher that does
+ * not know it closes the connection without a reply, as it always has.
+ */
+#define DV_DESCRIBE_COMMAND "dv.describe"
+DV_API int dv_set_description(dv_handle* service_handle, const char* json);
 
 /* Send the reply directive and shut the client socket down; closes nothing. */
 DV_API int dv_reply(dv_io* io);
