@@ -333,6 +333,8 @@ int main(int argc, char** argv)
         exit(-2);
     }
     dv_set_admit(dv_service_handle, admit_caller, nullptr);
+    // Callers may ask either service for its commands (dv-call --list).
+    dv_set_description(dv_service_handle, describe_commands(DV_SERVICE_NAME, {handler, handler_size}).c_str());
     DBG("sock_name:%s.", dv_service_handle->sockfile);
 
     dv_send_mail_service_handle =
@@ -342,6 +344,8 @@ int main(int argc, char** argv)
         exit(-2);
     }
     dv_set_admit(dv_send_mail_service_handle, admit_caller, nullptr);
+    dv_set_description(dv_send_mail_service_handle,
+                       describe_commands(DV_SEND_MAIL_SERVICE_NAME, {sendmail_handler, sendmail_handler_size}).c_str());
     DBG("send_mail_sock_name:%s, DV_SEND_MAIL_SERVER_THREAD_NUM:%d.", dv_send_mail_service_handle->sockfile,
         static_cast<int>(DV_SEND_MAIL_SERVER_THREAD_NUM));
 
