@@ -1,6 +1,7 @@
 # Front door: `make` builds, `make test` builds and runs every test,
 # `make demo` shows the daemon working on a simulated platform, `make install`
-# installs (PREFIX, DESTDIR), `make package` builds the Debian package.
+# installs (PREFIX, DESTDIR), `make package` builds the Debian package,
+# `make docs` writes docs/commands.md.
 BUILD_DIR  ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
@@ -10,7 +11,7 @@ DESTDIR    ?=
 PKG_DIR    ?= build-deb
 MAKEFLAGS  += --no-print-directory
 
-.PHONY: all deps configure build test demo install package clean
+.PHONY: all deps configure build test demo docs install package clean
 
 all: build
 
@@ -29,6 +30,10 @@ test: build
 demo: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target dwe-dv-vexprod dv-call vexprod_sim >/dev/null
 	@platform/sim/demo $(BUILD_DIR)
+
+# docs/commands.md anew from the command tables.
+docs: configure
+	@cmake --build $(BUILD_DIR) --target docs
 
 # The prefix is fixed at configure time: dv.pc and the service files name it.
 install: deps

@@ -1,0 +1,68 @@
+// The command tables are the one place a command's keys are written: every
+// row is complete, no handler spells a request key, and docs/commands.md is
+// what the tables make of themselves today.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "daemon/command_reference.h"
+#include "daemon/dispatch.h"
+#include "support/config.h"
+
+namespace {
+
+const ServiceTable kServices[] = {{DV_SERVICE_NAME, {handler, handler_size}},
+                                  {DV_SEND_MAIL_SERVICE_NAME, {sendmail_handler, sendmail_handler_size}}};
+
+std::string file_text(const std::filesystem::path& path)
+{
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+TEST(CommandRegistry, EveryRowSaysWhatItReadsAndAnswers)
+{
+    const std::set<std::string> types = {"string", "int", "long", "bool", "array"};
+    for (const ServiceTable& s : kServices) {
+        std::set<std::string> names;
+        for (const T_COMMAND_ENTRY& row : s.table) {
+            SCOPED_TRACE(row.name);
+            EXPECT_TRUE(names.insert(row.name).second);
+            EXPECT_NE(row.handler, nullptr);
+            EXPECT_STRNE(row.summary, "");
+            EXPECT_STRNE(row.reply, "");
+            // Keys exactly when the request is a JSON object.
+            const bool object = row.reading == ArgReading::strict || row.reading == ArgReading::lenient;
+            EXPECT_EQ(row.args.empty(), !object);
+            bool has_list = false;
+            for (const T_REQUEST_KEY& k : row.args) {
+                EXPECT_TRUE(types.count(k.type)) << k.key;
+                has_list |= std::string(k.type) == "array";
+            }
+            EXPECT_EQ(has_list, !row.items.empty());
+        }
+    }
+    // Handlers take their keys from the rows: none reads one by its own spelling.
+    const std::regex spelled(R"((fetch_request_args|parse_request_args)\([^;)]*"|)"
+                             R"(parser_param_from_json_str\([^,]*, *"|\.(text|number|flag|list)\(")");
+    for (const auto& f : std::filesystem::recursive_directory_iterator(source_dir() + "/handlers")) {
+        if (f.path().extension() != ".cc" || f.path().filename() == "registry.cc")
+            continue;
+        EXPECT_FALSE(std::regex_search(file_text(f.path()), spelled)) << f.path();
+    }
+}
+
+TEST(CommandRegistry, TheCommittedReferenceIsCurrent)
+{
+    EXPECT_TRUE(file_text(source_dir() + "/docs/commands.md") == command_reference(kServices))
+        << "docs/commands.md is out of date: run make docs and commit it";
+}
+
+}  // namespace
