@@ -33,7 +33,7 @@ namespace {
 
 const char USAGE[] =
     "usage: dv-bench [--threads N] [--calls M | --seconds T] [--payload BYTES | --json TEXT] [--timeout S]"
-    " (--floor | --self W | --spawn PATH | SERVICE COMMAND)";
+    " [--fail-on-error] (--floor | --self W | --spawn PATH | SERVICE COMMAND)";
 
 const char HELP[] =
     "Makes calls from N client threads and reports their rate, latency and failures.\n"
@@ -57,10 +57,11 @@ const char HELP[] =
     "  --json TEXT      the request text itself (default {})\n"
     "  --timeout S      seconds one call may take, 1..3600 (default 5; dv_ calls wait\n"
     "                   at least 5)\n"
+    "  --fail-on-error  exit 8 when any call failed, not only when every call did\n"
     "  --version        print the version\n"
     "\n"
     "Output, one line each:\n"
-    "  mode=... threads=N calls=C seconds=S calls_per_s=R\n"
+    "  mode=... threads=N calls=C seconds=S calls_per_s=R   (successful calls; \"none\" if none)\n"
     "  latency_us p50=.. p90=.. p99=.. max=..   (successful calls; \"latency_us none\" if none)\n"
     "  failures none | failures KEY=COUNT ...\n"
     "Failure keys: statusN (dv_ client status N; the floor uses 1 timeout, 2 connect,\n"
@@ -68,8 +69,9 @@ const char HELP[] =
     "spawned program's end), spawnfail, timeout. Runs longer than 3 s print a progress\n"
     "line a second on standard error. SIGINT or SIGTERM ends the run early and reports it.\n"
     "\n"
-    "Exit status: 0 run completed (failures included), 1 the run could not be set up,\n"
-    "7 bad usage, 128+signal when interrupted.\n";
+    "Exit status: 0 run completed (some failures included), 1 the run could not be set up,\n"
+    "7 bad usage, 8 every call failed (with --fail-on-error: any call), 128+signal when\n"
+    "interrupted.\n";
 
 // Bounds that keep a run from outliving its welcome on a shared machine.
 constexpr unsigned MAX_THREADS = 256;
@@ -80,6 +82,7 @@ constexpr unsigned MAX_TIMEOUT = 3600;
 constexpr double PROGRESS_AFTER_SECONDS = 3;
 constexpr int EXIT_SETUP = 1;
 constexpr int EXIT_USAGE = 7;
+constexpr int EXIT_CALLS_FAILED = 8;
 
 std::atomic<int> g_signal{0};
 
@@ -146,6 +149,7 @@ struct Options {
     double seconds = 0;  // 0: count calls instead
     std::string payload = "{}";
     unsigned long timeout = 5;
+    bool fail_on_error = false;
     std::unique_ptr<BenchMode> mode;
 };
 
@@ -174,6 +178,10 @@ int parse_options(int argc, char** argv, Options* opt)
         if (arg == "--version") {
             printf("dv-bench %s\n", DV_VERSION_STRING);
             return 0;
+        }
+        if (arg == "--fail-on-error") {
+            opt->fail_on_error = true;
+            continue;
         }
         std::string name = arg, value;
         bool inline_value = false;
@@ -315,7 +323,9 @@ void client_loop(Run* run, Client* me)
     run->finished_cv.notify_one();
 }
 
-void report(const Options& opt, const Run& run, const std::vector<std::unique_ptr<Client>>& clients)
+// Prints the report; returns the number of failed calls and sets *calls.
+uint64_t report(const Options& opt, const Run& run, const std::vector<std::unique_ptr<Client>>& clients,
+                uint64_t* total)
 {
     std::vector<uint32_t> all;
     std::map<std::string, uint64_t> failures;
@@ -329,12 +339,19 @@ void report(const Options& opt, const Run& run, const std::vector<std::unique_pt
         end = std::max(end, c->end);
     }
     double seconds = end - run.start;
-    printf("%s threads=%lu calls=%llu seconds=%.2f calls_per_s=%.0f\n", opt.mode->describe().c_str(), opt.threads,
-           static_cast<unsigned long long>(calls), seconds, seconds > 0 ? static_cast<double>(calls) / seconds : 0.0);
+    // A failed call (a refused connection, say) is often far quicker than a
+    // real one: the rate counts the calls that were answered.
+    char rate[32] = "none";
+    if (!all.empty())
+        snprintf(rate, sizeof(rate), "%.0f", seconds > 0 ? static_cast<double>(all.size()) / seconds : 0.0);
+    printf("%s threads=%lu calls=%llu seconds=%.2f calls_per_s=%s\n", opt.mode->describe().c_str(), opt.threads,
+           static_cast<unsigned long long>(calls), seconds, rate);
     print_latency_and_failures(all, failures);
     fflush(stdout);
     if (calls > 0 && all.empty())
         fprintf(stderr, "dv-bench: every call failed\n");
+    *total = calls;
+    return calls - all.size();
 }
 
 // A benchmark with a few hundred clients needs more descriptors than the
@@ -410,19 +427,19 @@ int main(int argc, char** argv)
         t.join();
     opt.mode->stop();
 
-    report(opt, run, clients);
+    uint64_t calls = 0;
+    const uint64_t failed = report(opt, run, clients, &calls);
     if (int sig = g_signal.load()) {
         fprintf(stderr, "dv-bench: stopped early by signal %d\n", sig);
         return 128 + sig;
     }
     if (opt.seconds == 0) {
-        uint64_t calls = 0;
-        for (const auto& c : clients)
-            calls += c->done.load();
         if (calls < opt.calls * opt.threads)
             fprintf(stderr, "dv-bench: stopped at the %.0f s limit after %llu of %llu calls\n", MAX_RUN_SECONDS,
                     static_cast<unsigned long long>(calls),
                     static_cast<unsigned long long>(opt.calls * opt.threads));
     }
+    if ((calls > 0 && failed == calls) || (opt.fail_on_error && failed > 0))
+        return EXIT_CALLS_FAILED;
     return 0;
 }

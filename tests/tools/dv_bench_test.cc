@@ -29,7 +29,7 @@ struct Report {
 Report parse_report(const std::string& out)
 {
     const char* form = "mode=[^ \n]+( [^ \n]+)* threads=[0-9]+ calls=[0-9]+ "
-                       "seconds=[0-9]+\\.[0-9][0-9] calls_per_s=[0-9]+\n"
+                       "seconds=[0-9]+\\.[0-9][0-9] calls_per_s=([0-9]+|none)\n"
                        "latency_us (none|p50=[0-9]+ p90=[0-9]+ p99=[0-9]+ max=[0-9]+)\n"
                        "failures (none|[^ \n=]+=[0-9]+( [^ \n=]+=[0-9]+)*)\n";
     Report r;
@@ -88,7 +88,7 @@ TEST(DvBench, EveryModeCompletesItsCallsAndCountsFailuresByKind)
         {{"--floor"}, "mode=floor servers=3 payload=2", ""},
         {{"--payload", "300", "--self", "2"}, "mode=self workers=2 payload=300", ""},
         {{"--spawn", "/bin/true"}, "mode=spawn path=/bin/true", ""},
-        {{svc.name(), "cmd"}, service + "2", "{}"},
+        {{"--fail-on-error", svc.name(), "cmd"}, service + "2", "{}"},
         {{"--payload", "40", svc.name(), "cmd"}, service + "40", "{\"p\":\"" + std::string(32, 'x') + "\"}"},
         {{"--json", "{\"k\":[1,2]}", svc.name(), "cmd"}, service + "11", "{\"k\":[1,2]}"},
         {{"--spawn", "/bin/false"}, "mode=spawn path=/bin/false", "", "exit1=21"},
@@ -99,8 +99,10 @@ TEST(DvBench, EveryModeCompletesItsCallsAndCountsFailuresByKind)
         std::vector<std::string> args = {"--threads", "3", "--calls", "7"};
         args.insert(args.end(), c.mode.begin(), c.mode.end());
         ProcessResult r = bench(args, {"TMPDIR=" + tmp.path()});
-        ASSERT_EQ(r.status, 0) << r.err;
         bool ok = c.failures == "none";
+        // Every call failed: a non-zero exit, and no rate for calls that were not made.
+        ASSERT_EQ(r.status, ok ? 0 : 8) << r.err;
+        EXPECT_EQ(r.out.find("calls_per_s=none") != std::string::npos, !ok);
         EXPECT_EQ(r.err, ok ? "" : "dv-bench: every call failed\n");
         Report rep = parse_report(r.out);
         EXPECT_EQ(rep.header, c.header);
