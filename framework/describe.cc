@@ -18,14 +18,14 @@ extern "C" DV_API int dv_set_description(dv_handle* service_handle, const char* 
     char* copy = nullptr;
     if (json && !(copy = strdup(json)))
         return -1;
-    free(service_handle->description);
-    service_handle->description = copy;
+    // Consumers read it without a lock: it goes in whole or not at all.
+    free(__atomic_exchange_n(&service_handle->description, copy, __ATOMIC_ACQ_REL));
     return 0;
 }
 
 bool dv_answer_description(dv_handle* service_handle, dv_io* io, int extra)
 {
-    const char* text = service_handle->description;
+    const char* text = __atomic_load_n(&service_handle->description, __ATOMIC_ACQUIRE);
     if (!text || strcmp(io->name, DV_DESCRIBE_COMMAND) != 0)
         return false;
     if (extra >= 0)

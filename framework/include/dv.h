@@ -217,8 +217,9 @@ DV_API int dv_sockfile(const char* name, char* buf, size_t size);
  * Introspection. A service may describe itself to its callers: one JSON text
  * of its commands, their request keys and types and what they answer (the
  * daemon's form: {"service": NAME, "commands": [{"name", "summary", "args":
- * [{"key", "type"}], ...}]}). A copy is kept; call it before dv_start.
- * Returns 0, or -1 when there is no memory for the copy.
+ * [{"key", "type"}], ...}]}). A copy is kept. Set it before any caller may
+ * ask (before dv_start, or before the service is announced): a replaced one
+ * is freed at once. Returns 0, or -1 when there is no memory for the copy.
  *
  * DV_DESCRIBE_COMMAND is then answered by the framework itself with that
  * text, before the exec callback would see the request: no application
