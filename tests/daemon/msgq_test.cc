@@ -20,6 +20,7 @@
 #include "daemon/json.h"
 #include "daemon/queue_consumers.h"
 #include "support/death.h"
+#include "support/files.h"
 #include "support/debug_log.h"
 #include "support/notify_service.h"
 #include "support/settle.h"
@@ -126,6 +127,25 @@ TEST(Msgq, DeliversWholeMessagesInOrderAndEveryStopEndsTheReceiverPromptly)
         const std::string err = testing::internal::GetCapturedStderr();
         EXPECT_EQ(err.substr(0, err.find('\n') + 1), end == Oversized ? msgrcv_error(E2BIG, service.msqid) : "");
     }
+}
+
+// Each receiver frees its buffer: thirty of 1 MiB cost no address space.
+TEST(Msgq, ReceiversGiveTheirBuffersBack)
+{
+    auto vm_kib = [] {
+        const std::string status = read_text_file("/proc/self/status");
+        return atol(status.c_str() + status.find("VmSize:") + 7);
+    };
+    long before = 0;
+    for (int i = 0; i <= 30; i++) {
+        before = i == 1 ? vm_kib() : before;  // after the first: a thread stack is kept for reuse
+        TestQueueKey key;
+        T_MSGQ_service service(key.key(), recording_handler, 1 << 20);
+        ASSERT_EQ(service.server_start(), 0);
+        ASSERT_TRUE(eventually(thread_in_msgrcv));
+        service.server_stop();
+    }
+    EXPECT_LT(vm_kib() - before, 10 * 1024);
 }
 
 // A queue this object may not use (ours with mode 0, as an unprivileged
