@@ -1,177 +1,402 @@
-// The daemon program end to end: start-up on a simulated root, both services,
-// the queues, orderly stop on SIGTERM, the single-instance test, options and
-// the crash path.
+// The daemon program on a simulated root, from its start to its end: each
+// row starts one (or fails to), does what it does meanwhile, ends it and
+// checks the status, stderr, debug log and that nothing is left; then
+// attacks on the wire by users other than root, each followed by the app's
+// own requests, answered at once and exactly.
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/stat.h>
+#include <sys/mman.h>
 #include <sys/msg.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "support/daemon_process.h"
+#include "support/config.h"
+#include "support/daemon_suite.h"
+#include "support/fds.h"
 #include "support/files.h"
-#include "support/settle.h"
-#include "support/sim_root.h"
-#include "support/tempdir.h"
+#include "support/other_user.h"
+#include "support/process.h"
+#include "support/raw_client.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 
-const char kTestReply[] = "{\"handler\":\"test_handler\",\"service\":\"VexProServer-vexprod\"}\n";
+const std::string kTest = R"({"handler":"test_handler","service":"VexProServer-vexprod"})" "\n";
+const std::string kMailTest =
+    R"({"handler":"nox_test_sendmail_srv_handler","service":"VexProServer_send_mail-vexprod"})" "\n";
 
 bool queue_exists(int key)
 {
     return msgget(key, 0) != -1;
 }
 
-// Starts target under the name of link (made afresh) with args and env.
-pid_t spawn_named(const std::string& link, const std::string& target, std::vector<std::string> args,
-                  std::vector<std::string> env)
-{
-    unlink(link.c_str());
-    if (symlink(target.c_str(), link.c_str()) != 0)
-        return -1;
-    args.insert(args.begin(), link);
-    std::vector<char*> argv, envp;
-    for (std::string& a : args)
-        argv.push_back(a.data());
-    for (std::string& e : env)
-        envp.push_back(e.data());
-    argv.push_back(nullptr);
-    envp.push_back(nullptr);
-    pid_t pid = -1;
-    return posix_spawn(&pid, link.c_str(), nullptr, nullptr, argv.data(), envp.data()) == 0 ? pid : -1;
-}
-
-TEST(Daemon, ServesBothServicesAndStopsInOrderOnSigterm)
-{
+struct Life {
     SimRoot root;
-    DaemonProcess d(root);
-    ASSERT_TRUE(d.start()) << d.stderr_text();
-    EXPECT_EQ(d.call("test", "{}"), kTestReply);
-    EXPECT_EQ(d.call_mail("test", "{}"),
-              "{\"handler\":\"nox_test_sendmail_srv_handler\",\"service\":\"VexProServer_send_mail-vexprod\"}\n");
-    EXPECT_TRUE(queue_exists(65521));
-    EXPECT_TRUE(queue_exists(65522));
-    // Reloading, and signals that would kill it without the orderly stop.
-    for (int sig : {SIGHUP, SIGUSR1, SIGUSR2, SIGPIPE})
-        kill(d.pid(), sig);
-    EXPECT_EQ(d.call("test", "{}"), kTestReply);
-    // A program started for a caller does not hold the stop up.
-    int status = -1;
-    d.call("exec_cli", R"({"command":["/bin/sleep","60"]})", &status, -1, 1);
-    EXPECT_EQ(status, 1);
-
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(d.stop(SIGTERM), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
-    EXPECT_FALSE(queue_exists(65521));
-    EXPECT_FALSE(queue_exists(65522));
-    EXPECT_FALSE(file_exists(d.command_socket()));
-    EXPECT_FALSE(file_exists(d.mail_socket()));
-
-    const std::string log = d.debug_log();
-    for (const std::string& line : std::vector<std::string>{
-             "] dwe-dv-vexprod start, Server:VexProServer-vexprod.\n", "] sock_name:" + d.command_socket() + ".\n",
-          "] send_mail_sock_name:" + d.mail_socket() + ", DV_SEND_MAIL_SERVER_THREAD_NUM:5.\n", "] dv_start.\n",
-          "] dv_send_mail_start.\n", "[free_all_obj][", "] is_terminate\n"})
-        EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
-    EXPECT_EQ(d.stderr_text(), "");
-}
-
-// Each illegal option is reported and ignored; SIGINT stops it as SIGTERM does.
-TEST(Daemon, IllegalOptionsAreReportedAndIgnored)
-{
-    SimRoot root;
-    DaemonProcess d(root);
-    ASSERT_TRUE(d.start({"-x", "-\x01"}));
-    EXPECT_EQ(d.stderr_text(), "Illegal option:-x\nIllegal option:-#\n");
-    EXPECT_EQ(d.stop(SIGINT), 0);
-}
-
-// "-t" stops at once, in order; without an Install_Path it refuses to start
-// (-1) with its line on stderr. Neither leaves a queue behind.
-TEST(Daemon, TestOptionOrAMissingInstallPathEndItAtOnce)
-{
-    SimRoot root;
-    DaemonProcess test(root);
-    ASSERT_GT(test.spawn({"-t"}), 0);
-    EXPECT_EQ(test.wait(5000), 0);
-    EXPECT_NE(test.debug_log().find("] is_terminate\n"), std::string::npos);
-    EXPECT_FALSE(queue_exists(65521));
-
-    std::string conf = root.read_file("/etc/config/appbox.conf");
-    ASSERT_NE(conf.find("Install_Path"), std::string::npos);
-    // A socket directory others may write into: refused, with the reason.
-    DaemonProcess open_dir(root);
-    ASSERT_EQ(chmod(open_dir.socket_dir().c_str(), 0777), 0);
-    ASSERT_GT(open_dir.spawn(), 0);
-    EXPECT_EQ(open_dir.wait(5000), 254);
-    EXPECT_EQ(open_dir.stderr_text(), "dwe-dv-vexprod: " + open_dir.socket_dir() +
-                                          " is writable by group or others; make it a directory of root's that only "
-                                          "root can write, or set DV_SOCKET_DIR.\n");
-
-    root.write_file("/etc/config/appbox.conf", conf.replace(conf.find("Install_Path"), 12, "Installed_At"));
-    DaemonProcess d(root);
-    ASSERT_GT(d.spawn(), 0);
-    EXPECT_EQ(d.wait(5000), 255);
-    std::string err = d.stderr_text();
-    EXPECT_EQ(err.rfind("[main][", 0), 0u) << err;
-    EXPECT_EQ(err.substr(err.find(']', 7)),
-              "] get Install_Path fail.\ndwe-dv-vexprod: no Install_Path in [VexProServer] of " + root.path() +
-                  "/etc/config/appbox.conf; install the app, or set VEXPROD_PLATFORM_ROOT to a platform root whose "
-                  "registry has it.\n");
-    EXPECT_FALSE(queue_exists(65521));
-}
-
-// A second daemon on the same root is refused, whatever it is called; a
-// process named after the daemon (anyone can name one so) is no instance.
-TEST(Daemon, ASecondInstanceIsRefusedButAProcessOfTheSameNameIsNot)
-{
-    SimRoot root;
+    DaemonProcess d{root};
+    std::unique_ptr<DaemonProcess> other;
+    std::vector<std::jthread> callers;  // asked to stop and joined however the row ends
+    std::atomic<int> answered{0};
     TempDir bin;
-    pid_t namesake = spawn_named(bin.file("dwe-dv-vexprod"), "/bin/sleep", {"30"}, {});
-    ASSERT_GT(namesake, 0);
-    DaemonProcess first(root);
-    ASSERT_TRUE(first.start()) << first.stderr_text();
-    kill(namesake, SIGKILL);
-    waitpid(namesake, nullptr, 0);
+    pid_t namesake = -1;
+};
 
-    DaemonProcess again(root);
-    ASSERT_GT(again.spawn(), 0);
-    EXPECT_EQ(again.wait(5000), 255);
-    EXPECT_NE(first.debug_log().find("] warning: re-entry.\n"), std::string::npos);
-    EXPECT_EQ(again.stderr_text(),
-              "dwe-dv-vexprod: another instance runs (pid " + std::to_string(first.pid()) + "); stop it first.\n");
-    // It stopped before creating anything: no socket in its directory.
-    EXPECT_FALSE(file_exists(again.command_socket()));
-    EXPECT_EQ(first.call("test", "{}"), kTestReply);
-    EXPECT_EQ(first.stop(), 0);
-    // The lock ends with its holder.
-    ASSERT_TRUE(again.start()) << again.stderr_text();
-    EXPECT_EQ(again.stop(), 0);
+std::string ban_list_of(int caller, bool as_file)
+{
+    std::string text;
+    for (int n = 0; n <= caller % 5; n++) {
+        const std::string address = "10." + std::to_string(100 + caller) + ".0." + std::to_string(n + 1);
+        text += as_file ? "deny from " + address + "\n" : (text.empty() ? "" : ",") + address;
+    }
+    return as_file ? "<LocationMatch \"/.*\">\norder allow,deny\n" + text + "allow from all\n</LocationMatch>\n"
+                   : "{\"ip_list\":\"" + text + "\"}";
 }
 
-TEST(Daemon, ACrashLeavesABacktraceInTheDebugLogAndKillsTheProcess)
+TEST(Daemon, StartsServesAndEndsAsEachWayOfStartingAndStoppingSays)
 {
-    SimRoot root;
-    DaemonProcess d(root);
-    ASSERT_TRUE(d.start());
-    EXPECT_EQ(d.stop(SIGSEGV), 128 + SIGKILL);
-    std::string log = d.debug_log();
-    EXPECT_NE(log.find("[vexprod_debug_backtrace_dump]["), std::string::npos) << log;
-    EXPECT_NE(log.find("]=========================="), std::string::npos) << log;
-    // The dump ends with the program's full invocation name.
-    EXPECT_NE(log.find("]" + d.program_path() + "\n"), std::string::npos) << log;
-    // Nothing was stopped in order: the queues stay until someone removes them.
-    for (int key : {65521, 65522})
-        msgctl(msgget(key, 0), IPC_RMID, nullptr);
+    struct Entry {
+        const char* what;
+        std::vector<std::string> args;
+        std::function<void(Life&)> setup, meanwhile;  // meanwhile null: it must not come up
+        int signal;                                  // what ends it; 0: it ends by itself
+        int status;
+        std::string err;  // all of stderr; {dir}, {root} and {pid} stand for the socket directory, the
+                          // platform root and the pid of the other instance
+        std::vector<std::string> log;
+        std::function<void(Life&)> after = nullptr;
+    };
+    const Entry entries[] = {
+        {"serves both, shrugs off the signals it ignores, SIGTERM ends it in order", {},
+         [](Life& r) {  // a process named as the daemon is no instance of it
+             const std::string link = r.bin.file("dwe-dv-vexprod");
+             char* argv[] = {const_cast<char*>("dwe-dv-vexprod"), const_cast<char*>("30"), nullptr};
+             ASSERT_EQ(symlink("/bin/sleep", link.c_str()), 0);
+             ASSERT_EQ(posix_spawn(&r.namesake, link.c_str(), nullptr, nullptr, argv, environ), 0);
+         },
+         [](Life& r) {
+             for (int sig : {SIGHUP, SIGUSR1, SIGUSR2, SIGPIPE})
+                 kill(r.d.pid(), sig);
+             EXPECT_EQ(r.d.call("test", "{}"), kTest);
+             EXPECT_TRUE(queue_exists(65521) && queue_exists(65522));
+             int status = -1;  // a program started for a caller does not hold the stop up
+             r.d.call("exec_cli", R"({"command":["/bin/sleep","60"]})", &status, -1, 1);
+             EXPECT_EQ(status, DV_STATUS_TIMEOUT);
+         },
+         SIGTERM, 0, "",
+         {"] dwe-dv-vexprod start, Server:VexProServer-vexprod.\n", "] dv_start.\n", "] dv_send_mail_start.\n",
+          "[free_all_obj][", "] is_terminate\n"}},
+        {"illegal options are reported and ignored; SIGINT ends it", {"-x", "-\x01"}, nullptr, [](Life&) {}, SIGINT,
+         0, "Illegal option:-x\nIllegal option:-#\n", {}},
+        {"-t ends it at once, in order", {"-t"}, nullptr, nullptr, 0, 0, "", {"] is_terminate\n"}},
+        {"a missing socket directory is made", {}, [](Life& r) { rmdir(r.d.socket_dir().c_str()); }, [](Life&) {},
+         SIGTERM, 0, "", {}},
+        {"a socket directory others may write into", {},
+         [](Life& r) { chmod(r.d.socket_dir().c_str(), 0777); }, nullptr, 0, 254,
+         "dwe-dv-vexprod: {dir} is writable by group or others; make it a directory of root's that only root can "
+         "write, or set DV_SOCKET_DIR.\n", {"] socket directory unusable: "}},
+        {"no Install_Path", {},
+         [](Life& r) {
+             std::string conf = r.root.read_file("/etc/config/appbox.conf");
+             r.root.write_file("/etc/config/appbox.conf", conf.replace(conf.find("Install_Path"), 12, "Installed_At"));
+         },
+         nullptr, 0, 255,
+         "] get Install_Path fail.\ndwe-dv-vexprod: no Install_Path in [VexProServer] of {root}/etc/config/"
+         "appbox.conf; install the app, or set VEXPROD_PLATFORM_ROOT to a platform root whose registry has it.\n", {}},
+        {"a second instance", {},
+         [](Life& r) {
+             r.other = std::make_unique<DaemonProcess>(r.root);
+             ASSERT_TRUE(r.other->start()) << r.other->stderr_text();
+         },
+         nullptr, 0, 255, "dwe-dv-vexprod: another instance runs (pid {pid}); stop it first.\n",
+         {"] warning: re-entry.\n"},
+         [](Life& r) {
+             EXPECT_EQ(r.other->call("test", "{}"), kTest);
+             EXPECT_EQ(r.other->stop(), 0);
+         }},
+        {"a crash leaves a backtrace and kills it", {}, nullptr, [](Life&) {}, SIGSEGV, 128 + SIGKILL, "",
+         {"[vexprod_debug_backtrace_dump][", "]==========================", "]{program}\n"},
+         [](Life&) {  // nothing was stopped in order: the queues stay until someone removes them
+             for (int key : {65521, 65522})
+                 msgctl(msgget(key, 0), IPC_RMID, nullptr);
+         }},
+        {"a debug log on a full disk, then removed, loses lines silently", {}, nullptr,
+         [](Life& r) {
+             const std::string log = r.root.abs("/opt/VexProServer/.log/.dwe_dv_vexprod.log");
+             ASSERT_EQ(unlink(log.c_str()), 0);
+             ASSERT_EQ(symlink("/dev/full", log.c_str()), 0);
+             for (int round = 0; round < 2; round++) {
+                 for (int i = 0; i < 20; i++)  // requests that log
+                     EXPECT_EQ(r.d.call("get_vpd_ext_area", "{\"offest\":\"1\",\"length\":2}"), kParseError);
+                 EXPECT_EQ(r.d.call("test", "{}"), kTest);
+                 std::error_code ec;  // nothing moved the link aside, nothing made the directory again
+                 EXPECT_EQ(std::filesystem::read_symlink(log, ec), round ? "" : "/dev/full");
+                 EXPECT_EQ(r.root.exists("/opt/VexProServer/.log"), !round);
+                 r.root.remove("/opt/VexProServer/.log");
+             }
+         },
+         SIGTERM, 0, "", {}},
+        {"SIGTERM while 32 callers rewrite the ban list ends it within 5 s, the file whole", {}, nullptr,
+         [](Life& r) {
+             for (int i = 0; i < 32; i++)
+                 r.callers.emplace_back([&r, i](std::stop_token stop) {
+                     while (!stop.stop_requested()) {
+                         int status = -1;
+                         r.d.call("update_ip_ban_list", ban_list_of(i, false), &status);
+                         if (status == DV_STATUS_OK)
+                             r.answered++;
+                         else
+                             std::this_thread::sleep_for(20ms);  // refused: the daemon is going
+                     }
+                 });
+             ASSERT_TRUE(eventually([&] { return r.answered >= 64; }, 30000)) << r.answered;
+         },
+         SIGTERM, 0, "", {},
+         [](Life& r) {
+             r.callers.clear();
+             std::set<std::string> lists;
+             for (int i = 0; i < 32; i++)
+                 lists.insert(ban_list_of(i, true));
+             EXPECT_EQ(lists.count(r.root.read_file("/etc/default_config/apache/extra/vexcms_ip_ban_list.conf")), 1u);
+             std::error_code ec, unreadable;  // no program of the root left running
+             for (auto it = std::filesystem::directory_iterator("/proc", ec); !ec && it != decltype(it)();
+                  it.increment(ec))
+                 EXPECT_NE(std::filesystem::read_symlink(it->path() / "exe", unreadable).string().rfind(
+                               r.root.path() + "/", 0), 0u) << it->path();
+         }},
+    };
+    for (const Entry& e : entries) {
+        SCOPED_TRACE(e.what);
+        Life r;
+        if (e.setup)
+            e.setup(r);
+        if (e.meanwhile) {
+            ASSERT_TRUE(r.d.start(e.args)) << r.d.stderr_text();
+            EXPECT_EQ(r.d.call("test", "{}"), kTest);
+            EXPECT_EQ(r.d.call_mail("test", "{}"), kMailTest);
+            e.meanwhile(r);
+        } else {
+            ASSERT_GT(r.d.spawn(e.args), 0);
+        }
+        const auto start = Clock::now();
+        EXPECT_EQ(e.signal ? r.d.stop(e.signal) : r.d.wait(5000), e.status);
+        EXPECT_LT(Clock::now() - start, r.callers.empty() ? 2s : 5s);
+        if (r.namesake > 0) {
+            kill(r.namesake, SIGKILL);
+            waitpid(r.namesake, nullptr, 0);
+        }
+        std::string err = e.err;
+        for (const auto& [mark, value] :
+             {std::pair<std::string, std::string>{"{dir}", r.d.socket_dir()}, {"{root}", r.root.path()},
+              {"{pid}", r.other ? std::to_string(r.other->pid()) : ""}})
+            if (size_t at = err.find(mark); at != std::string::npos)
+                err.replace(at, mark.size(), value);
+        const std::string got = r.d.stderr_text();  // "] ..." leaves out the "[function][line" before it
+        EXPECT_EQ(got.substr(err.rfind("] ", 0) == 0 ? got.find("] ") : 0), err);
+        const std::string log = r.d.debug_log();
+        for (std::string line : e.log) {
+            if (size_t at = line.find("{program}"); at != std::string::npos)
+                line.replace(at, 9, r.d.program_path());
+            EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+        }
+        if (e.after)
+            e.after(r);
+        EXPECT_TRUE(e.status == 128 + SIGKILL || !(file_exists(r.d.command_socket()) || file_exists(r.d.mail_socket())));
+        EXPECT_FALSE(queue_exists(65521) || queue_exists(65522));
+    }
+}
+
+long long ms_since(Clock::time_point start)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+}
+
+// A memory file the client seals against shrinking just after sending it,
+// a little later each time, racing the daemon's look at its seals.
+void seal_after_send(const DaemonProcess& d)
+{
+    for (const auto start = Clock::now(); ms_since(start) < 1500;) {
+        RawClient c;
+        if (!c.connect_to(d.command_socket()) || c.next_type(2000) != DV_DIRECTIVE_ACCEPT)
+            continue;
+        int memfd = memfd_create("req", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+        (void)!write(memfd, "{}", 2);
+        c.send_directive(DV_DIRECTIVE_REQUEST, 0, "test");
+        c.send_fd(memfd);
+        for (auto sent = Clock::now(); Clock::now() - sent < std::chrono::microseconds(ms_since(start) % 200);) {
+        }
+        fcntl(memfd, F_ADD_SEALS, F_SEAL_SHRINK);
+        c.next_type(2000);
+        close(memfd);
+    }
+}
+
+// TCP connections to a listener that never accepts, buffers full, set to
+// linger an hour on close, passed as extra descriptors and let go of: the
+// daemon's close would be the one to wait. The listener stays until the
+// attacker is released (closing it would free the daemon by itself).
+void lingering_tcp_extra_fds(const DaemonProcess& d)
+{
+    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), small = 4096;
+    setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+    struct sockaddr_in addr = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t len = sizeof(addr);
+    if (bind(listener, reinterpret_cast<sockaddr*>(&addr), len) != 0 || listen(listener, 8) != 0 ||
+        getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
+        return;
+    for (int i = 0; i < 3; i++) {  // more than the command service has workers
+        int tcp = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        setsockopt(tcp, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+        if (connect(tcp, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0)
+            return;
+        fcntl(tcp, F_SETFL, O_NONBLOCK);
+        static const char chunk[4096] = {};
+        for (int idle = 0; idle < 3; usleep(20000)) {
+            bool took = false;
+            while (write(tcp, chunk, sizeof(chunk)) > 0)
+                took = true;
+            idle = took ? 0 : idle + 1;
+        }
+        struct linger hour = {1, 3600};
+        setsockopt(tcp, SOL_SOCKET, SO_LINGER, &hour, sizeof(hour));
+        RawClient c;
+        int memfd = make_request_memfd("{}");
+        if (c.connect_to(d.command_socket()) && c.next_type(2000) == DV_DIRECTIVE_ACCEPT) {
+            c.send_directive(DV_DIRECTIVE_REQUEST, DV_DIRECTIVE_FLAG_EXTRA_FD, "test");
+            c.send_fd(memfd);
+            c.send_fd(tcp);
+        }
+        close(tcp);
+        close(memfd);
+        c.next_type(2000);
+    }
+}
+
+// n connections to each service that are let in and then say nothing; a
+// full backlog does not stop the flood.
+std::function<void(const DaemonProcess&)> silent_connections(int n, bool mail_too)
+{
+    return [n, mail_too](const DaemonProcess& d) {
+        for (const std::string& sockfile : {d.command_socket(), mail_too ? d.mail_socket() : std::string()}) {
+            struct sockaddr_un addr = {AF_UNIX, {}};
+            snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", sockfile.c_str());
+            for (int i = 0; i < n && !sockfile.empty(); i++)
+                connect(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0), reinterpret_cast<sockaddr*>(&addr),
+                        sizeof(addr));
+        }
+    };
+}
+
+// The share of one CPU the process used over the next second, in percent.
+long cpu_percent(pid_t pid)
+{
+    auto ticks = [pid] {
+        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+        std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+        long utime = 0, stime = 0;  // fields 14 and 15, after a name that may hold spaces
+        sscanf(text.c_str() + text.rfind(')'), ") %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &utime, &stime);
+        return utime + stime;
+    };
+    const long before = ticks();
+    sleep(1);
+    return (ticks() - before) * 100 / sysconf(_SC_CLK_TCK);
+}
+
+TEST(HostileWire, NoAttackCrashesHangsOrStarvesTheDaemon)
+{
+    if (!can_switch_user())
+        GTEST_SKIP() << "attacking as other users needs root";
+    const struct {
+        const char* what;
+        int uids;                                       // attackers, each a uid of its own
+        std::function<void(const DaemonProcess&)> act;  // made by each, which then holds what it made
+        rlim_t nofile;                                  // the daemon's descriptor limit, 0: as ours
+        std::function<void(const DaemonProcess&)> meanwhile;
+    } attacks[] = {
+        {"seal after send", 1, seal_after_send, 0, nullptr},
+        {"lingering TCP extra descriptors", 1, lingering_tcp_extra_fds, 0, nullptr},
+        {"20 silent connections", 1, silent_connections(20, false), 0,
+         [](const DaemonProcess& d) {
+             const auto start = Clock::now();
+             EXPECT_EQ(d.call("test", "{}"), kTest);
+             EXPECT_LT(ms_since(start), 2000);
+         }},
+        {"a connection flood at RLIMIT_NOFILE 1024, then a queue record", 40, silent_connections(30, true), 1024,
+         [](const DaemonProcess& d) {
+             EXPECT_LT(cpu_percent(d.pid()), 50);
+             EXPECT_EQ(run_process({binary_dir() + "/sim/vexprod-notify-demo", "event", "1", "u", "ip", "n", "disk"})
+                           .status, 0);
+             EXPECT_TRUE(eventually([&] { return d.debug_log().find("] eventlog_handler fail") != std::string::npos; },
+                                    10000)) << d.debug_log();
+         }},
+    };
+    for (const auto& a : attacks) {
+        SCOPED_TRACE(a.what);
+        SimRoot root;
+        root.grant_everyone();
+        DaemonProcess d(root);
+        ASSERT_TRUE(d.start()) << d.stderr_text();
+        const struct rlimit limit = {a.nofile, a.nofile};  // as if it had found no more to raise it to
+        ASSERT_TRUE(!a.nofile || prlimit(d.pid(), RLIMIT_NOFILE, &limit, nullptr) == 0);
+        ASSERT_TRUE(allow_search(d.socket_dir()));
+        // Each attacker reports once its attack stands, and holds it until release is closed.
+        int ready[2], release[2];
+        ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+        ASSERT_EQ(pipe2(release, O_CLOEXEC), 0);
+        std::vector<pid_t> attackers;
+        for (int i = 0; i < a.uids; i++)
+            attackers.push_back(start_as(a.uids == 1 ? kSpareUid : static_cast<uid_t>(70000 + i), kSpareGid, [&] {
+                close(release[1]);
+                signal(SIGPIPE, SIG_IGN);
+                a.act(d);
+                char byte = 0;
+                (void)!write(ready[1], &byte, 1);
+                (void)!read(release[0], &byte, 1);
+                return 0;
+            }));
+        close(ready[1]);
+        close(release[0]);
+        for (int i = 0; i < a.uids; i++) {
+            struct pollfd p = {ready[0], POLLIN, 0};
+            char byte;
+            EXPECT_TRUE(poll(&p, 1, 20000) == 1 && read(ready[0], &byte, 1) == 1) << "attacker " << i;
+        }
+        if (a.meanwhile)
+            a.meanwhile(d);
+        close(release[1]);
+        close(ready[0]);
+        for (pid_t pid : attackers)
+            EXPECT_EQ(wait_child(pid, 5000), 0);
+        const auto start = Clock::now();
+        EXPECT_EQ(d.call("test", "{}"), kTest);
+        EXPECT_LT(ms_since(start), 1000);
+        EXPECT_EQ(d.call("exec_cli", R"({"command":["/bin/echo","still here"]})"),
+                  R"({"error_code":0,"handler":"exec_cli_handler","result":"still here\n","service":"VexProServer-vexprod"})" "\n");
+        EXPECT_EQ(d.call_mail("test", "{}"), kMailTest);
+        EXPECT_EQ(d.stop(SIGTERM, 5000), 0);
+        EXPECT_EQ(d.stderr_text(), "");
+    }
 }
 
 }  // namespace

@@ -1,0 +1,209 @@
+// The daemon's small parsers: trims, splits, Base64, the VPD cutters,
+// conf_get's first line, and the typed argument reader every handler uses.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "daemon/ini.h"
+#include "daemon/json.h"
+#include "daemon/reply.h"
+#include "daemon/strutil.h"
+#include "platform/paths.h"
+#include "support/death.h"
+#include "support/debug_log.h"
+#include "support/sim_root.h"
+
+namespace {
+
+using Pieces = std::vector<std::string>;
+
+TEST(Parsers, TrimSplitBase64AndVpd)
+{
+    const struct {
+        std::string in;
+        const char* set;
+        std::string everywhere, ends;
+    } trims[] = {
+        {"\n\n  value with  inner  \n", " \n", "valuewithinner", "value with  inner"},
+        {" \n \n", " \n", "", ""},
+        {"abcba", "ab", "c", "c"},
+    };
+    for (const auto& c : trims) {
+        std::string everywhere = c.in, ends = c.in;
+        trim_char(everywhere, c.set);
+        trim_front_and_end(ends, c.set);
+        EXPECT_EQ(everywhere, c.everywhere) << c.in;
+        EXPECT_EQ(ends, c.ends) << c.in;
+    }
+    const struct {
+        std::string in;
+        const char* delimiters;
+        Pieces kept, skipped;
+    } splits[] = {
+        {",1.2.3.4,,5.6.7.8,", ",", {"", "1.2.3.4", "", "5.6.7.8", ""}, {"1.2.3.4", "5.6.7.8"}},
+        {"", ",", {""}, {}},
+        {"sid line\nsecond 1\n", "\n ", {"sid", "line", "second", "1", ""}, {"sid", "line", "second", "1"}},
+    };
+    for (const auto& c : splits) {
+        EXPECT_EQ(str_split_to_vector(c.in, c.delimiters, false), c.kept) << c.in;
+        EXPECT_EQ(str_split_to_vector(c.in, c.delimiters, true), c.skipped) << c.in;
+    }
+    // Encoding both ways; decoding stops silently where the alphabet ends.
+    const struct {
+        std::string plain, encoded;
+        bool both_ways;
+    } base64[] = {
+        {"", "", true}, {"f", "Zg==", true}, {"fo", "Zm8=", true}, {"foobar", "Zm9vYmFy", true},
+        {"\xfb\xff", "+/8=", true}, {"a", "YW=j", false}, {"abc", "YWJj\nYWJj", false},
+        {"abcd", "YWJjZA", false}, {"abcde", "YWJjZGU", false}, {"abc", "YWJjZ", false}, {"", "*YWJj", false},
+    };
+    for (const auto& c : base64) {
+        std::string out = "previous content";
+        if (c.both_ways) {
+            EXPECT_EQ(base64_encode(c.plain, out), static_cast<int>(c.encoded.size()));
+            EXPECT_EQ(out, c.encoded);
+        }
+        EXPECT_EQ(base64_decode(c.encoded, out), static_cast<int>(c.plain.size())) << c.encoded;
+        EXPECT_EQ(out, c.plain) << c.encoded;
+    }
+    const struct {
+        std::string text, serial, system_id;
+    } vpd[] = {
+        {"enc_sys_id = ABC123,SN = Q1234567\n", "Q1234567", "ABC123"},
+        {"SN = XY99\nenc_sys_id = 77,\n", "XY99\nenc_sys_id = 77,", "77"},
+        {"enc_sys_id = ABC\n", "", ""},    // no comma
+        {"enc_sys_id,SN = 1\n", "1", ""},  // comma too early
+        {"SN", "", ""},                    // the serial would run past the end
+        {"SN = \n", "", ""},               // just fits
+    };
+    for (const auto& c : vpd) {
+        std::string serial = "stale", system_id = "stale";
+        parser_VPD_SN_from_str(c.text, &serial, &system_id);
+        EXPECT_EQ(serial, c.serial) << c.text;
+        EXPECT_EQ(system_id, c.system_id) << c.text;
+    }
+    std::string area = "stale";
+    parser_VPD_ext_area_from_str(" ext area\n text \n", &area);
+    EXPECT_EQ(area, "extareatext");
+    parser_VPD_ext_area_from_str(nullptr, &area);
+    EXPECT_EQ(area, "");
+}
+
+// conf_get on a simulated root, steered to print what a row needs.
+TEST(Parsers, IniTakesConfGetsFirstLineUnlessItIsTheDefaultMarker)
+{
+    SimRoot root;
+    root.make_current();
+    std::string value = "stale";
+    root.set_output(PATH_CONF_GET, "/share/VexProServer\nsecond line\n");
+    EXPECT_EQ(dv_get_ini_info("/etc/config/appbox.conf", "VexProServer", "Install_Path", value), 1);
+    EXPECT_EQ(value, "/share/VexProServer");
+    EXPECT_EQ(dv_get_ini_info(nullptr, "MISC", "DISPLAY_NAME", value), 1);
+    const std::vector<SimCall> want = {
+        {PATH_CONF_GET, {"conf_get", "VexProServer", "Install_Path", "-c", "-d", "CONF_GET_FAILD", "-f",
+                         "/etc/config/appbox.conf"}, std::nullopt},
+        {PATH_CONF_GET, {"conf_get", "MISC", "DISPLAY_NAME", "-c", "-d", "CONF_GET_FAILD"}, std::nullopt},
+    };
+    EXPECT_EQ(root.calls(), want);
+    const struct {
+        std::string printed;
+        int found;
+        std::string value;
+    } cases[] = {
+        {"a b \n", 1, "a b "},
+        {std::string(200, 'v') + "\n", 1, std::string(127, 'v')},
+        {"\n", 1, ""},
+        {"", 0, "stale"},
+        {"CONF_GET_FAILDx\n", 0, "stale"},  // the default marker, even as a prefix
+    };
+    for (const auto& c : cases) {
+        root.set_output(PATH_CONF_GET, c.printed);
+        value = "stale";
+        EXPECT_EQ(dv_get_ini_info("/etc/platform.conf", "S", "K", value), c.found) << c.printed;
+        EXPECT_EQ(value, c.value) << c.printed;
+    }
+    root.remove(PATH_CONF_GET);
+    EXPECT_EQ(dv_get_ini_info("/etc/platform.conf", "MISC", "DISPLAY_NAME", value), 0);
+    EXPECT_EQ(dv_get_ini_info("/etc/platform.conf", nullptr, "DISPLAY_NAME", value), 0);
+}
+
+// Each row reads "k" as type; accepted values are stored at their width
+// only, refusals set the flag, leave the output and log only type mismatches.
+TEST(Parsers, TypedReaderStoresAtTheTypesWidthOrRefuses)
+{
+    const struct {
+        const char *request, *type;
+        bool ok;
+        int64_t number;      // stored, for int, long and bool
+        const char* logged;  // refused: the type the log names, null for silence
+    } cases[] = {
+        {R"({"k": -2147483648})", "int", true, std::numeric_limits<int32_t>::min(), nullptr},
+        {R"({"k": 3.0})", "int", true, 3, nullptr},
+        {R"({"k": -9223372036854775808})", "long", true, std::numeric_limits<int64_t>::min(), nullptr},
+        {R"({"k": true})", "bool", true, 1, nullptr},
+        {R"({"k": false})", "bool", true, 0, nullptr},
+        {R"({"k": "x"})", "string", true, 0, nullptr},
+        {R"({"other": 1})", "int", false, 0, nullptr},
+        {R"({"k": null})", "string", false, 0, nullptr},
+        {R"({"k": 1})", "float", false, 0, nullptr},
+        {R"([1, 2])", "int", false, 0, nullptr},
+        {R"({"k": 2147483648})", "int", false, 0, "long"},
+        {R"({"k": "true"})", "bool", false, 0, "string"},
+        {R"({"k": 1})", "bool", false, 0, "int"},
+        {R"({"k": 5})", "string", false, 0, "int"},
+        {R"({"k": 1.5})", "long", false, 0, "double"},
+        {R"({"k": true})", "int", false, 0, "bool"},
+        {R"({"k": [1]})", "string", false, 0, "Others"},
+        {R"({"k": 18446744073709551615})", "long", false, 0, "long"},
+        {R"({"k": 1e19})", "long", false, 0, "long"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.type) + " " + c.request);
+        DebugLogCapture log;
+        Json::Value root;
+        ASSERT_TRUE(json_parse(c.request, root));
+        const bool text = std::string(c.type) == "string";
+        struct {
+            union {
+                int32_t i32;
+                int64_t i64;
+            };
+            uint32_t fence;  // nothing is written past the type's width
+        } out;
+        out.i64 = 0x5555555555555555LL;
+        out.fence = 0xA5A5A5A5U;
+        std::string str = "untouched";
+        bool error = false;
+        parser_param_from_json_str(root, "k", text ? static_cast<void*>(&str) : &out, c.type, &error);
+        EXPECT_EQ(error, !c.ok);
+        EXPECT_EQ(out.fence, 0xA5A5A5A5U);
+        if (!c.ok || text) {
+            EXPECT_EQ(out.i64, 0x5555555555555555LL);
+            EXPECT_EQ(str, c.ok ? "x" : "untouched");
+        } else if (std::string(c.type) == "long") {
+            EXPECT_EQ(out.i64, c.number);
+        } else {
+            EXPECT_EQ(out.i32, c.number);
+            EXPECT_EQ(static_cast<uint64_t>(out.i64) >> 32, 0x55555555U);
+        }
+        if (c.logged)
+            EXPECT_THAT(log.messages(), testing::ElementsAre(testing::MatchesRegex(
+                                            R"(\[parser_param_from_json_str\]\[[0-9]+\] )" +
+                                            literal_regex(std::string("k Type fail, this input value type is ") +
+                                                          c.logged + "."))));
+        else
+            EXPECT_THAT(log.messages(), testing::IsEmpty());
+        // One flag gathers a series: a later good read stores but never clears it.
+        int later = -1;
+        ASSERT_TRUE(json_parse(R"({"id": 3})", root));
+        parser_param_from_json_str(root, "id", &later, "int", &error);
+        EXPECT_EQ(error, !c.ok);
+        EXPECT_EQ(later, 3);
+    }
+}
+
+}  // namespace
