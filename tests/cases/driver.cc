@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <set>
 #include <span>
 #include <sstream>
@@ -24,6 +25,7 @@
 #include "platform/paths.h"
 #include "platform/sim/simlib.h"
 #include "support/daemon_suite.h"
+#include "support/env.h"
 #include "support/files.h"
 #include "support/other_user.h"
 #include "support/settle.h"
@@ -260,8 +262,13 @@ private:
             ASSERT_TRUE(reload_policy(root_, *daemon_)) << where();
         } else if (verb == "stop")
             stop();
-        else if (verb == "start")
-            start(), begin_case();
+        else if (verb == "start") {  // start [NAME=VALUE]: with that in its environment
+            std::optional<ScopedEnv> env;
+            if (size_t eq = rest.find('='); eq != std::string::npos)
+                env.emplace(rest.substr(0, eq).c_str(), rest.substr(eq + 1).c_str());
+            start();
+            begin_case();
+        }
         else
             throw std::runtime_error("unknown line");
     }
