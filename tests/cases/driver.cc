@@ -15,7 +15,7 @@
 #include <optional>
 #include <set>
 #include <span>
-#include <sstream>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -74,16 +74,14 @@ std::string unescape(const std::string& s)
     return out;
 }
 
-// "quoted text" at the start of s, unescaped; the rest after it in *rest.
-std::string text_arg(const std::string& s, std::string* rest = nullptr)
+// A "quoted text", unescaped.
+std::string text_arg(const std::string& s)
 {
     size_t end = 1;
     while (end < s.size() && s[end] != '"')
         end += s[end] == '\\' ? 2 : 1;
     if (s.empty() || s[0] != '"' || end >= s.size())
         throw std::runtime_error("expected a quoted text: " + s);
-    if (rest)
-        *rest = s.size() > end + 2 ? s.substr(end + 2) : "";
     return unescape(s.substr(1, end - 1));
 }
 
@@ -420,6 +418,13 @@ void check_coverage(const std::vector<std::string>& files)
     }
 }
 
+// A test whose body is a function: the files are named on the command line.
+struct Body : testing::Test {
+    explicit Body(std::function<void()> f) : body(std::move(f)) {}
+    void TestBody() override { body(); }
+    std::function<void()> body;
+};
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -427,28 +432,13 @@ int main(int argc, char** argv)
     testing::InitGoogleTest(&argc, argv);
     const bool coverage = argc > 1 && std::string(argv[1]) == "--coverage";
     std::vector<std::string> files(argv + 1 + coverage, argv + argc);
+    auto add = [](const std::string& name, const char* file, std::function<void()> f) {
+        testing::RegisterTest("cases", name.c_str(), nullptr, nullptr, file, 1,
+                              [f]() -> testing::Test* { return new Body(f); });
+    };
     if (coverage)
-        testing::RegisterTest("cases", "coverage", nullptr, nullptr, __FILE__, __LINE__,
-                              [=]() -> testing::Test* {
-                                  struct T : testing::Test {
-                                      std::vector<std::string> f;
-                                      void TestBody() override { check_coverage(f); }
-                                  };
-                                  auto* t = new T;
-                                  t->f = files;
-                                  return t;
-                              });
-    else
-        for (const std::string& f : files)
-            testing::RegisterTest("cases", fs::path(f).stem().c_str(), nullptr, nullptr, f.c_str(), 1,
-                                  [=]() -> testing::Test* {
-                                      struct T : testing::Test {
-                                          std::string f;
-                                          void TestBody() override { CaseFile(f).run(); }
-                                      };
-                                      auto* t = new T;
-                                      t->f = f;
-                                      return t;
-                                  });
+        add("coverage", __FILE__, [files] { check_coverage(files); });
+    for (size_t i = 0; !coverage && i < files.size(); ++i)
+        add(fs::path(files[i]).stem(), files[i].c_str(), [f = files[i]] { CaseFile(f).run(); });
     return RUN_ALL_TESTS();
 }
