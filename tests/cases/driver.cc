@@ -123,6 +123,8 @@ public:
                 }
             }
             check_journal();
+            if (!replies_.empty())
+                fail("calls without a \"<\" line"), replies_.clear();
             EXPECT_EQ(listing(captures_.path()), "") << where() << "capture files left behind";
             if (fds_ < 0 && daemon_)
                 fds_ = settled_fd_count(daemon_->pid());
@@ -295,11 +297,23 @@ private:
             if (fd >= 0)
                 close(fd);
         size_t bar = got.find('|');
-        status_ = std::stoi(got.substr(0, bar));
-        reply_ = got.substr(bar + 1);
+        replies_.push_back({line_, std::stoi(got.substr(0, bar)), got.substr(bar + 1)});
     }
 
+    // The reply of every call since the last "<" line.
     void check_reply(const std::string& rest)
+    {
+        if (replies_.empty())
+            return fail("no call to compare");
+        const int at = line_;
+        for (const Reply& r : replies_) {
+            line_ = r.line;
+            check_reply(rest, r.status, r.text);
+        }
+        line_ = at;
+        replies_.clear();
+    }
+    void check_reply(const std::string& rest, int status, const std::string& reply) const
     {
         static const std::map<std::string, std::pair<int, std::string>> shorthand = {
             {"ok", {DV_STATUS_OK, kOk}},
@@ -314,11 +328,11 @@ private:
             want = it->second;
         else if (rest.rfind("fail ", 0) == 0)
             want.second = failure(rest.substr(5));
-        else if (rest[0] == '^' && reply_.rfind(expand(rest.substr(1)), 0) == 0)
-            want.second = reply_;
-        expect("reply", want.second, reply_);
-        if (status_ != want.first)
-            fail("client status " + std::to_string(status_) + ", want " + std::to_string(want.first));
+        else if (rest[0] == '^' && reply.rfind(expand(rest.substr(1)), 0) == 0)
+            want.second = reply;
+        expect("reply", want.second, reply);
+        if (status != want.first)
+            fail("client status " + std::to_string(status) + ", want " + std::to_string(want.first));
     }
 
     void check_journal()
@@ -390,8 +404,11 @@ private:
     std::string policy_;
     std::set<std::string> hidden_;
     std::vector<std::string> journal_;
-    std::string reply_;
-    int status_ = -1;
+    struct Reply {
+        int line, status;
+        std::string text;
+    };
+    std::vector<Reply> replies_;
     int line_ = 0;
     int fds_ = -1;
     uid_t uid_ = 0;
