@@ -64,11 +64,6 @@ DaemonProcess::~DaemonProcess()
         stop(SIGTERM, 5000);
 }
 
-std::vector<std::string> DaemonProcess::client_env() const
-{
-    return {"DV_SOCKET_DIR=" + sockets_.path()};
-}
-
 pid_t DaemonProcess::spawn(const std::vector<std::string>& args)
 {
     std::vector<std::string> env_strings;

@@ -52,8 +52,6 @@ public:
     std::string call(const std::string& command, const std::string& json, int* status = nullptr, int fd = -1,
                      unsigned timeout_s = 10) const;
     std::string call_mail(const std::string& command, const std::string& json, int* status = nullptr) const;
-    // The environment a tool needs to reach this daemon (DV_SOCKET_DIR=...).
-    std::vector<std::string> client_env() const;
 
 private:
     SimRoot& root_;

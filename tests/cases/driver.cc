@@ -1,0 +1,461 @@
+// Runs case files (tests/cases/*.cases, format in tests/cases/README.md)
+// against the daemon binary on a simulated root: one daemon per file, each
+// row's reply, journal, files and log lines compared exactly, and at the end
+// a clean stop with the daemon's descriptor count where it began.
+//   driver FILE...             one test per file
+//   driver --coverage FILE...  every command of both tables has a case
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <set>
+#include <span>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "daemon/command_table.h"
+#include "daemon/json.h"
+#include "dv.h"
+#include "platform/paths.h"
+#include "platform/sim/simlib.h"
+#include "support/daemon_suite.h"
+#include "support/env.h"
+#include "support/files.h"
+#include "support/other_user.h"
+#include "support/settle.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Line {
+    int no;
+    std::string text;
+};
+
+std::vector<std::vector<Line>> paragraphs(const std::string& file)
+{
+    std::ifstream in(file);
+    std::vector<std::vector<Line>> out(1);
+    std::string text;
+    for (int no = 1; std::getline(in, text); ++no) {
+        if (text.empty())
+            out.emplace_back();
+        else if (text[0] != '#')
+            out.back().push_back({no, text});
+    }
+    std::erase_if(out, [](const auto& p) { return p.empty(); });
+    return out;
+}
+
+// C escapes: \n \t \r \0 \\ \" \xHH.
+std::string unescape(const std::string& s)
+{
+    std::string out;
+    for (size_t i = 0; i < s.size(); ++i) {
+        if (s[i] != '\\' || i + 1 == s.size()) {
+            out += s[i];
+            continue;
+        }
+        char c = s[++i];
+        if (c == 'x' && i + 2 < s.size() + 1) {
+            out += static_cast<char>(std::stoi(s.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else {
+            out += c == 'n' ? '\n' : c == 't' ? '\t' : c == 'r' ? '\r' : c == '0' ? '\0' : c;
+        }
+    }
+    return out;
+}
+
+// A "quoted text", unescaped.
+std::string text_arg(const std::string& s)
+{
+    size_t end = 1;
+    while (end < s.size() && s[end] != '"')
+        end += s[end] == '\\' ? 2 : 1;
+    if (s.empty() || s[0] != '"' || end >= s.size())
+        throw std::runtime_error("expected a quoted text: " + s);
+    return unescape(s.substr(1, end - 1));
+}
+
+std::pair<std::string, std::string> word(const std::string& s)
+{
+    size_t sp = s.find(' ');
+    return {s.substr(0, sp), sp == std::string::npos ? "" : s.substr(sp + 1)};
+}
+
+std::string listing(const std::string& dir)
+{
+    std::set<std::string> names;
+    std::error_code ec;
+    for (auto it = fs::directory_iterator(dir, ec); !ec && it != fs::directory_iterator(); it.increment(ec))
+        names.insert(it->path().filename().string());
+    std::string out;
+    for (const std::string& n : names)
+        out += (out.empty() ? "" : " ") + n;
+    return out;
+}
+
+class CaseFile {
+public:
+    explicit CaseFile(std::string file) : file_(std::move(file)) {}
+
+    void run()
+    {
+        ScopedEnv no_permission("APPBOXD", nullptr);
+        policy_ = root_.read_file(PATH_CALLER_POLICY);
+        start();
+        for (const auto& p : paragraphs(file_)) {
+            begin_case();
+            for (const Line& l : p) {
+                line_ = l.no;
+                try {
+                    step(l.text);
+                } catch (const std::exception& e) {
+                    fail("cannot run \"" + l.text + "\": " + e.what());
+                }
+            }
+            check_journal();
+            if (!replies_.empty())
+                fail("calls without a \"<\" line"), replies_.clear();
+            EXPECT_EQ(listing(captures_.path()), "") << where() << "capture files left behind";
+            if (fds_ < 0 && daemon_)
+                fds_ = settled_fd_count(daemon_->pid());
+        }
+        stop();
+    }
+
+private:
+    std::string where() const { return file_ + ":" + std::to_string(line_) + ": "; }
+    void fail(const std::string& what) const { ADD_FAILURE_AT(file_.c_str(), line_) << what; }
+    void expect(const std::string& what, const std::string& want, const std::string& got) const
+    {
+        if (want != got)
+            fail(what + "\n  want: " + json_write(Json::Value(want)) + "  got:  " + json_write(Json::Value(got)));
+    }
+
+    void start()
+    {
+        // Started as a careless start script would, with a descriptor of its
+        // own left open that no program the daemon runs may see.
+        int stray = open("/dev/null", O_RDONLY);
+        daemon_ = std::make_unique<DaemonProcess>(root_);
+        bool started = start_daemon(*daemon_, captures_);
+        close(stray);
+        ASSERT_TRUE(started) << daemon_->stderr_text();
+        ASSERT_TRUE(allow_search(daemon_->socket_dir()) && allow_search(root_.path()));
+        fds_ = -1;
+    }
+    void stop()
+    {
+        if (!daemon_)
+            return;
+        if (fds_ >= 0) {
+            EXPECT_EQ(settled_fd_count(daemon_->pid()), fds_) << where() << "descriptors left open";
+        }
+        expect_clean_stop(*daemon_);
+        daemon_.reset();
+    }
+
+    void begin_case()
+    {
+        root_.remove(sim::STEER_DIR);
+        root_.clear_calls();
+        log_mark_ = daemon_ ? daemon_->debug_log().size() : 0;
+        uid_ = 0;
+        journal_.clear();
+    }
+
+    // %ROOT% is the root's host path; <<N*TEXT>> TEXT N times, <<b64 TEXT>>
+    // its base64, <<TEXT>> TEXT with C escapes.
+    std::string expand(std::string s) const
+    {
+        for (size_t at; (at = s.find("%ROOT%")) != std::string::npos;)
+            s.replace(at, 6, root_.path());
+        std::string out;
+        size_t at = 0;
+        for (size_t open; (open = s.find("<<", at)) != std::string::npos;) {
+            size_t close = s.find(">>", open + 2);
+            if (close == std::string::npos)
+                break;
+            out += s.substr(at, open - at);
+            std::string inner = s.substr(open + 2, close - open - 2);
+            size_t star = inner.find('*');
+            if (inner.rfind("b64 ", 0) == 0) {
+                out += encode_base64(unescape(inner.substr(4)));
+            } else if (star != std::string::npos && star > 0 &&
+                       inner.find_first_not_of("0123456789") == star) {
+                std::string piece = unescape(inner.substr(star + 1));
+                for (int n = std::stoi(inner.substr(0, star)); n > 0; --n)
+                    out += piece;
+            } else {
+                out += unescape(inner);
+            }
+            at = close + 2;
+        }
+        return out + s.substr(at);
+    }
+    std::string path(const std::string& p) const { return root_.abs(expand(p)); }
+    // A path in the root, or one on the host written "host:/bin/sh".
+    std::string source(const std::string& p) const { return p.rfind("host:", 0) == 0 ? p.substr(5) : path(p); }
+
+    void step(const std::string& text)
+    {
+        auto [verb, rest] = word(text);
+        if (verb != "$")
+            check_journal();
+        if (verb[0] == '>')
+            return call(verb.substr(1), rest);
+        if (verb == "<")
+            return check_reply(rest);
+        if (verb == "$")
+            return journal_.push_back(rest);
+        if (verb == "=")
+            return check_file(rest);
+        if (verb == "~" || verb[0] == '~')
+            return check_log(verb.substr(1), rest);
+        auto [a, b] = word(rest);
+        if (verb == "exit")
+            root_.set_exit(a, std::stoi(b));
+        else if (verb == "out")
+            root_.set_output(a, expand(text_arg(b)));
+        else if (verb == "err")
+            root_.set_stderr(a, text_arg(b));
+        else if (verb == "write")
+            root_.write_file(expand(a), expand(text_arg(b)));
+        else if (verb == "rm")
+            root_.remove(expand(rest));
+        else if (verb == "add")
+            root_.add_program(rest);
+        else if (verb == "mkdir") {
+            fs::create_directories(path(a));
+            ASSERT_TRUE(b.empty() || chmod(path(a).c_str(), std::stoi(b, nullptr, 8)) == 0) << where();
+        }
+        else if (verb == "chmod")
+            ASSERT_EQ(chmod(path(a).c_str(), std::stoi(b, nullptr, 8)), 0) << where();
+        else if (verb == "chown")
+            ASSERT_EQ(lchown(path(a).c_str(), std::stoi(b), std::stoi(b)), 0) << where();
+        else if (verb == "ln")
+            fs::create_symlink(source(a), path(b));
+        else if (verb == "hardln")
+            fs::create_hard_link(path(a), path(b));
+        else if (verb == "mkfifo")
+            ASSERT_EQ(mkfifo(path(rest).c_str(), 0666), 0) << where();
+        else if (verb == "cp")
+            fs::copy_file(source(a), path(b), fs::copy_options::overwrite_existing);
+        else if (verb == "reset")  // a fresh root, so a fresh daemon (its log was in the old one)
+            stop(), root_.reset(), start(), begin_case();
+        else if (verb == "hide")
+            hidden_.insert(rest);
+        else if (verb == "as")
+            uid_ = rest == "nobody" ? kSpareUid : rest == "root" ? 0 : std::stoi(rest);
+        else if (verb == "policy") {
+            if (!rest.empty())
+                root_.write_file(PATH_CALLER_POLICY, policy_ + text_arg(rest));
+            ASSERT_TRUE(reload_policy(root_, *daemon_)) << where();
+        } else if (verb == "stop")
+            stop();
+        else if (verb == "start") {  // start [NAME=VALUE]: with that in its environment
+            std::optional<ScopedEnv> env;
+            if (size_t eq = rest.find('='); eq != std::string::npos)
+                env.emplace(rest.substr(0, eq).c_str(), rest.substr(eq + 1).c_str());
+            start();
+            begin_case();
+        }
+        else
+            throw std::runtime_error("unknown line");
+    }
+
+    void call(const std::string& how, const std::string& rest)
+    {
+        auto [command, request] = word(rest);
+        command = expand(command);
+        request = expand(request);
+        const bool mail = how.find("mail") != std::string::npos;
+        int fds[2] = {-1, -1};
+        if (how.find("fd") != std::string::npos && pipe2(fds, O_CLOEXEC) != 0)
+            throw std::runtime_error("no pipe");
+        auto once = [&] {
+            int st = -1;
+            std::string r = mail ? daemon_->call_mail(command, request, &st) : daemon_->call(command, request, &st, fds[1]);
+            return std::to_string(st) + "|" + r;
+        };
+        std::string got;
+        if (uid_ == 0) {
+            got = once();
+        } else {
+            got = run_as(uid_, uid_, once).value_or("-1|<the other user's client failed>");
+        }
+        for (int fd : fds)
+            if (fd >= 0)
+                close(fd);
+        size_t bar = got.find('|');
+        replies_.push_back({line_, std::stoi(got.substr(0, bar)), got.substr(bar + 1)});
+    }
+
+    // The reply of every call since the last "<" line.
+    void check_reply(const std::string& rest)
+    {
+        if (replies_.empty())
+            return fail("no call to compare");
+        const int at = line_;
+        for (const Reply& r : replies_) {
+            line_ = r.line;
+            check_reply(rest, r.status, r.text);
+        }
+        line_ = at;
+        replies_.clear();
+    }
+    void check_reply(const std::string& rest, int status, const std::string& reply) const
+    {
+        static const std::map<std::string, std::pair<int, std::string>> shorthand = {
+            {"ok", {DV_STATUS_OK, kOk}},
+            {"input error", {DV_STATUS_OK, kInputError}},
+            {"paser fail", {DV_STATUS_OK, kParseError}},
+            {"denied", {DV_STATUS_OK, "{\"error_msg\":\"permission denied\",\"result\":-1}\n"}},
+            {"closed", {DV_STATUS_SOCKET, ""}},
+            {"rejected", {DV_STATUS_REJECTED, ""}},
+        };
+        std::pair<int, std::string> want = {DV_STATUS_OK, expand(rest) + "\n"};
+        if (auto it = shorthand.find(rest); it != shorthand.end())
+            want = it->second;
+        else if (rest.rfind("fail ", 0) == 0)
+            want.second = failure(rest.substr(5));
+        else if (rest[0] == '^' && reply.rfind(expand(rest.substr(1)), 0) == 0)
+            want.second = reply;
+        expect("reply", want.second, reply);
+        if (status != want.first)
+            fail("client status " + std::to_string(status) + ", want " + std::to_string(want.first));
+    }
+
+    void check_journal()
+    {
+        if (journal_.empty())
+            return;
+        std::string want, got;
+        for (const std::string& j : journal_)
+            if (j != "-")
+                want += expand(j) + "\n";
+        for (const SimCall& c : root_.calls()) {
+            if (hidden_.count(c.who))
+                continue;
+            Json::Value argv(Json::arrayValue);
+            for (const std::string& a : c.argv)
+                argv.append(a);
+            std::string line = json_write(argv);
+            line.pop_back();
+            if (c.input)
+                line += " " + json_write(Json::Value(*c.input)).substr(0, json_write(Json::Value(*c.input)).size() - 1);
+            got += c.who + " " + line + "\n";
+        }
+        journal_.clear();
+        root_.clear_calls();
+        if (want != got)
+            fail("journal\n--- want\n" + want + "--- got\n" + got);
+    }
+
+    void check_file(const std::string& rest)
+    {
+        auto [p, what] = word(rest);
+        const std::string host = path(p);
+        struct stat st;
+        const bool there = lstat(host.c_str(), &st) == 0;
+        if (p.back() == '/')
+            return expect("listing of " + p, what, listing(host));
+        if (what == "absent")
+            return expect(p, "absent", there ? "present" : "absent");
+        if (what.rfind("mode ", 0) == 0) {
+            char mode[32];
+            snprintf(mode, sizeof(mode), "%o %u", static_cast<unsigned>(st.st_mode), static_cast<unsigned>(st.st_uid));
+            return expect("mode and owner of " + p, what.substr(5), there ? mode : "missing");
+        }
+        expect(p, expand(text_arg(what)), read_text_file(host));
+    }
+
+    // ~ "text": the log since the case began holds it; ~N "text": N times.
+    void check_log(const std::string& n, const std::string& rest)
+    {
+        const std::string text = expand(text_arg(rest));
+        // Audit lines follow their reply: give them a moment.
+        std::string log;
+        size_t count = 0;
+        auto found = [&] {
+            log = daemon_->debug_log().substr(log_mark_);
+            count = 0;
+            for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+                ++count;
+            return n.empty() ? count > 0 : count == std::stoul(n);
+        };
+        if (!eventually(found, n == "0" ? 0 : 2000))
+            fail("the log has \"" + text + "\" " + std::to_string(count) + " times; its end since the case began:\n" + log.substr(log.size() > 2000 ? log.size() - 2000 : 0));
+    }
+
+    std::string file_;
+    SimRoot root_;
+    TempDir captures_;
+    std::unique_ptr<DaemonProcess> daemon_;
+    std::string policy_;
+    std::set<std::string> hidden_;
+    std::vector<std::string> journal_;
+    struct Reply {
+        int line, status;
+        std::string text;
+    };
+    std::vector<Reply> replies_;
+    int line_ = 0;
+    int fds_ = -1;
+    uid_t uid_ = 0;
+    size_t log_mark_ = 0;
+};
+
+// Every command of both tables has a case, and no table names one twice.
+void check_coverage(const std::vector<std::string>& files)
+{
+    std::set<std::string> called[2];
+    for (const std::string& f : files)
+        for (const auto& p : paragraphs(f))
+            for (const Line& l : p)
+                if (l.text[0] == '>')
+                    called[l.text.find("mail") < l.text.find(' ')].insert(word(word(l.text).second).first);
+    const std::span<const T_COMMAND_ENTRY> tables[] = {{handler, handler_size},
+                                                       {sendmail_handler, sendmail_handler_size}};
+    for (int t = 0; t < 2; ++t) {
+        std::set<std::string> names;
+        for (const T_COMMAND_ENTRY& e : tables[t]) {
+            EXPECT_TRUE(names.insert(e.name).second) << e.name << " is in table " << t << " twice";
+            EXPECT_TRUE(called[t].count(e.name)) << e.name << " has no case";
+        }
+    }
+}
+
+// A test whose body is a function: the files are named on the command line.
+struct Body : testing::Test {
+    explicit Body(std::function<void()> f) : body(std::move(f)) {}
+    void TestBody() override { body(); }
+    std::function<void()> body;
+};
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    testing::InitGoogleTest(&argc, argv);
+    const bool coverage = argc > 1 && std::string(argv[1]) == "--coverage";
+    std::vector<std::string> files(argv + 1 + coverage, argv + argc);
+    auto add = [](const std::string& name, const char* file, std::function<void()> f) {
+        testing::RegisterTest("cases", name.c_str(), nullptr, nullptr, file, 1,
+                              [f]() -> testing::Test* { return new Body(f); });
+    };
+    if (coverage)
+        add("coverage", __FILE__, [files] { check_coverage(files); });
+    for (size_t i = 0; !coverage && i < files.size(); ++i)
+        add(fs::path(files[i]).stem(), files[i].c_str(), [f = files[i]] { CaseFile(f).run(); });
+    return RUN_ALL_TESTS();
+}
