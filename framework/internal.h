@@ -133,14 +133,19 @@ struct dv_worker {
     dv_waiting_uids* uids; // producer: waiting clients per uid
     long long listen_again_ms;  // producer: when to watch the listening socket again, 0 when watched
 
-    // A thread consumer that goes idle while nobody waits takes its next
-    // client from the listening socket itself, and the producer leaves that
-    // socket alone meanwhile. The producer's direct_lock guards every
-    // consumer's idle flag, the producer's waiting count, direct_waiting and
-    // listen_again_ms.
+    // Thread consumers take their clients without the producer where they
+    // can. One idle consumer at a time, the watcher, has the listening socket
+    // in its epoll set, so that a new client wakes one thread, not every idle
+    // one; when it takes a client, the watch passes to another idle consumer
+    // (or back to the producer). A consumer that finishes while clients wait
+    // takes the first of the queue itself, in the queue's order. The
+    // producer's direct_lock guards every consumer's idle and direct flags,
+    // the queue and its per-uid turns, watcher, taken and listen_again_ms.
     pthread_mutex_t direct_lock;  // producer
-    size_t direct_waiting;        // producer: consumers watching the listening socket
-    bool direct;                  // consumer: it watches the listening socket now
+    dv_worker* watcher;           // producer: the consumer watching the listening socket, or null
+    dv_client* taken;             // producer: queue entries consumers took, freed after its batch of events
+    bool listening;               // producer: its own epoll set holds the listening socket
+    bool direct;                  // consumer: idle and willing to watch the listening socket
 };
 
 // The producer's record of a service (after its consumers').
@@ -149,14 +154,33 @@ inline dv_worker* dv_producer_of(dv_handle* h)
     return &h->worker[h->service_size];
 }
 
-// Under the producer's direct_lock: a consumer starts or stops watching the
-// listening socket; the producer watches it whenever no consumer does (and
-// it is not resting after running out of descriptors).
+// Under the producer's direct_lock: an idle thread consumer offers to watch
+// the listening socket (it becomes the watcher when there is none), or
+// withdraws (the watch passes to another that offered, else the producer).
+// The listening socket rests while listen_again_ms is set: nobody watches it.
 void dv_direct_watch(dv_worker* producer, dv_worker* w, bool on);
+
+// A thread consumer done with its client: the first waiting client's socket,
+// taken from the queue (w stays busy), or -1 with w idle and offering to
+// watch the listening socket.
+int dv_next_client(dv_worker* producer, dv_worker* w);
+
+// A consumer ran out of descriptors taking a client from the listening
+// socket: nobody watches it for DV_ACCEPT_PAUSE_MS (the caller wakes the
+// producer, which paces the retry).
+void dv_rest_listener(dv_worker* producer);
+
+// A consumer-to-producer directive that carries nothing: it only wakes the
+// producer to look at the listening socket's state again.
+inline constexpr uint8_t DV_DIRECTIVE_NUDGE = 0;
 
 // Accepts a pending client (the listening socket never blocks: EAGAIN when
 // another worker was quicker); the descriptor or -1 (errno set).
 int dv_accept(int listen_fd);
+// Whether accept's errno means the process ran out of descriptors or memory
+// (then the listening socket rests); EMFILE also has the descriptor limit
+// read again.
+bool dv_out_of_descriptors(int err);
 // The checks every new client passes, with the refusals they send: the
 // descriptor reserve, the admission check, paused. False when the client
 // was refused (and closed); *uid is the peer's.
