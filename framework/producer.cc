@@ -293,10 +293,10 @@ bool admitted(dv_handle* h, const struct ucred* cred)
 }
 
 // Under direct_lock: the listening socket goes to an idle consumer that
-// offered to watch it, else to the producer's own epoll set. Adding it to a
+// offered to watch it (first, if it did), else to the producer's own epoll set. Adding it to a
 // set reports a client already pending, so none is left behind. A failed
 // watch is tried again after a rest.
-void pass_watch(dv_worker* producer)
+void pass_watch(dv_worker* producer, dv_worker* first = nullptr)
 {
     if (resting_until(producer) || producer->watcher)
         return;
@@ -306,8 +306,10 @@ void pass_watch(dv_worker* producer)
     memset(&ev, 0, sizeof(ev));
     ev.events = EPOLLIN;
     ev.data.fd = listen_fd;
-    for (size_t i = 0; i < h->service_size; i++) {
-        dv_worker* x = &h->worker[i];
+    for (size_t i = 0; i <= h->service_size; i++) {
+        dv_worker* x = i == 0 ? first : &h->worker[i - 1];
+        if (!x)
+            continue;
         if (x->direct && x->idle && epoll_ctl(x->pollfd, EPOLL_CTL_ADD, listen_fd, &ev) == 0) {
             producer->watcher = x;
             if (producer->listening && producer->pollfd >= 0)
@@ -532,7 +534,13 @@ void dv_direct_watch(dv_worker* producer, dv_worker* w, bool on)
         return;
     w->direct = on;
     if (on) {
-        pass_watch(producer);
+        // The consumer that ran last watches: the scheduler finds it
+        // quickest, where another may have slept long on a busy CPU.
+        if (dv_worker* x = producer->watcher) {
+            if (epoll_ctl(x->pollfd, EPOLL_CTL_DEL, producer->queue.sockfd, nullptr) == 0 || errno == ENOENT)
+                producer->watcher = nullptr;
+        }
+        pass_watch(producer, w);
         return;
     }
     if (producer->watcher == w) {
