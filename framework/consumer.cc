@@ -72,7 +72,6 @@ void drop_client(dv_worker* w)
 {
     if (w->client < 0)
         return;
-    epoll_ctl(w->pollfd, EPOLL_CTL_DEL, w->client, nullptr);
     shutdown(w->client, SHUT_RDWR);
     close(w->client);
     w->client = -1;
@@ -226,7 +225,6 @@ void serve_request(consumer_state& s, const dv_directive& d)
         drop_client(w);
         return;
     }
-    epoll_ctl(w->pollfd, EPOLL_CTL_DEL, client, nullptr);
     w->client = -1;
     io->sockfd = client;
     memcpy(io->name, d.data, sizeof(io->name) - 1);
@@ -249,11 +247,7 @@ void serve_request(consumer_state& s, const dv_directive& d)
 bool hold_client(consumer_state& s, int client)
 {
     dv_worker* w = s.worker;
-    struct epoll_event ev;
-    memset(&ev, 0, sizeof(ev));
-    ev.events = DV_EVENTS;
-    ev.data.fd = client;
-    if (!dv_send_directive_type(client, DV_DIRECTIVE_ACCEPT) || epoll_ctl(w->pollfd, EPOLL_CTL_ADD, client, &ev) != 0) {
+    if (!dv_send_directive_type(client, DV_DIRECTIVE_ACCEPT)) {
         shutdown(client, SHUT_RDWR);
         close(client);
         return false;
@@ -349,6 +343,25 @@ void accept_directly(consumer_state& s)
         become_idle(s);
 }
 
+// Waits, within the request deadline, for the held client or the control
+// socket (the control socket first when both have something), as epoll would
+// report it. A held client is polled, not added to the epoll set and taken
+// out again: two system calls less per request.
+int wait_held(const consumer_state& s, struct epoll_event* ev)
+{
+    static_assert(POLLIN == EPOLLIN && POLLERR == EPOLLERR && POLLHUP == EPOLLHUP && POLLRDHUP == EPOLLRDHUP,
+                  "poll and epoll report with the same bits");
+    dv_worker* w = s.worker;
+    struct pollfd p[2] = {{w->sockfd[0], POLLIN | POLLRDHUP, 0}, {w->client, POLLIN | POLLRDHUP, 0}};
+    int n = poll(p, 2, remaining_ms(s));
+    if (n <= 0)
+        return n;
+    const struct pollfd& ready = p[0].revents ? p[0] : p[1];
+    ev->events = static_cast<uint32_t>(ready.revents);
+    ev->data.fd = ready.fd;
+    return 1;
+}
+
 void consumer_loop(dv_worker* w)
 {
     consumer_state s{w};
@@ -360,7 +373,7 @@ void consumer_loop(dv_worker* w)
         struct epoll_event ev;
         int n;
         do {
-            n = epoll_wait(w->pollfd, &ev, 1, w->client >= 0 ? remaining_ms(s) : -1);
+            n = w->client >= 0 ? wait_held(s, &ev) : epoll_wait(w->pollfd, &ev, 1, -1);
         } while (n < 0 && errno == EINTR);
         if (n == 0 && w->client >= 0) {
             drop_client(w);  // the request did not come in time
