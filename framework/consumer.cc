@@ -34,6 +34,7 @@ long long now_ms()
 struct consumer_state {
     dv_worker* worker;
     long long deadline = 0;  // when the held client must have sent its request
+    dv_peer peer{};          // the held client's credentials, when read at accept
 };
 
 void report_ready(dv_worker* w)
@@ -229,24 +230,27 @@ void serve_request(consumer_state& s, const dv_directive& d)
     io->sockfd = client;
     memcpy(io->name, d.data, sizeof(io->name) - 1);
     io->name[sizeof(io->name) - 1] = '\0';
-    struct ucred cred;
-    socklen_t len = sizeof(cred);
-    bool have_cred = getsockopt(client, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0;
-    if (have_cred) {
-        io->pid = cred.pid;
-        io->uid = cred.uid;
-        io->gid = cred.gid;
+    if (!s.peer.known) {  // handed over by the producer
+        socklen_t len = sizeof(s.peer.cred);
+        s.peer.known = getsockopt(client, SOL_SOCKET, SO_PEERCRED, &s.peer.cred, &len) == 0;
     }
-    if ((w->mode & DV_PROCESS_MODE) && have_cred)
-        adopt_environment(cred.pid);
+    if (s.peer.known) {
+        io->pid = s.peer.cred.pid;
+        io->uid = s.peer.cred.uid;
+        io->gid = s.peer.cred.gid;
+    }
+    if ((w->mode & DV_PROCESS_MODE) && s.peer.known)
+        adopt_environment(s.peer.cred.pid);
     w->exec(io->name, io, extra);
 }
 
 // Tells a client to go ahead and waits for its request. False when the
-// client could not be told (it is closed then).
-bool hold_client(consumer_state& s, int client)
+// client could not be told (it is closed then). peer: its credentials, or
+// null when they are still to be read.
+bool hold_client(consumer_state& s, int client, const dv_peer* peer)
 {
     dv_worker* w = s.worker;
+    s.peer = peer ? *peer : dv_peer{};
     if (!dv_send_directive_type(client, DV_DIRECTIVE_ACCEPT)) {
         shutdown(client, SHUT_RDWR);
         close(client);
@@ -269,8 +273,9 @@ void become_idle(consumer_state& s)
         return;
     }
     dv_worker* producer = dv_producer_of(w->handle);
-    for (int client; (client = dv_next_client(producer, w)) >= 0;)
-        if (hold_client(s, client))
+    dv_peer peer;
+    for (int client; (client = dv_next_client(producer, w, &peer)) >= 0;)
+        if (hold_client(s, client, &peer))
             return;
 }
 
@@ -282,7 +287,7 @@ void take_client(consumer_state& s, const dv_directive& d)
     stop_watching(w);  // the producer claimed us for this one
     int client = dv_recv_fd(w->sockfd[0]);
     dv_send_directive(w->sockfd[0], &d);
-    if (client < 0 || !hold_client(s, client))
+    if (client < 0 || !hold_client(s, client, nullptr))
         become_idle(s);
 }
 
@@ -331,15 +336,15 @@ void accept_directly(consumer_state& s)
     if (client < 0)
         return;
 
-    uid_t uid;
+    dv_peer peer;
     bool out_of_fds;
-    if (!dv_admit_client(w->handle, client, &uid, &out_of_fds)) {
+    if (!dv_admit_client(w->handle, client, &peer, &out_of_fds)) {
         if (out_of_fds)
             rest_listener(w);
         become_idle(s);
         return;
     }
-    if (!hold_client(s, client))
+    if (!hold_client(s, client, &peer))
         become_idle(s);
 }
 

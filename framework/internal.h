@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -90,6 +91,13 @@ struct dv_event_queue {
     int sockfd;
 };
 
+// A client's credentials, read once when it is accepted: they are fixed at
+// connect, so whoever serves it need not ask the socket again.
+struct dv_peer {
+    struct ucred cred;
+    bool known;  // false when they could not be read
+};
+
 // A client waiting in the producer's queue, in the order it will be served.
 struct dv_client {
     dv_event_queue queue;  // type CLIENT_SOCK; first so the epoll pointer casts
@@ -97,6 +105,7 @@ struct dv_client {
     dv_client* next;
     uid_t uid;     // the peer's, from SO_PEERCRED (-1 when unknown)
     uint64_t turn; // its uid's round in which it is served
+    dv_peer peer;
 };
 
 // Per-uid bookkeeping of the producer's queue (producer.cc).
@@ -160,10 +169,10 @@ inline dv_worker* dv_producer_of(dv_handle* h)
 // The listening socket rests while listen_again_ms is set: nobody watches it.
 void dv_direct_watch(dv_worker* producer, dv_worker* w, bool on);
 
-// A thread consumer done with its client: the first waiting client's socket,
-// taken from the queue (w stays busy), or -1 with w idle and offering to
-// watch the listening socket.
-int dv_next_client(dv_worker* producer, dv_worker* w);
+// A thread consumer done with its client: the first waiting client's socket
+// (its credentials in *peer), taken from the queue (w stays busy), or -1 with
+// w idle and offering to watch the listening socket.
+int dv_next_client(dv_worker* producer, dv_worker* w, dv_peer* peer);
 
 // A consumer ran out of descriptors taking a client from the listening
 // socket: nobody watches it for DV_ACCEPT_PAUSE_MS (the caller wakes the
@@ -183,8 +192,8 @@ int dv_accept(int listen_fd);
 bool dv_out_of_descriptors(int err);
 // The checks every new client passes, with the refusals they send: the
 // descriptor reserve, the admission check, paused. False when the client
-// was refused (and closed); *uid is the peer's.
-bool dv_admit_client(dv_handle* h, int fd, uid_t* uid, bool* out_of_fds);
+// was refused (and closed); *peer holds the peer's credentials.
+bool dv_admit_client(dv_handle* h, int fd, dv_peer* peer, bool* out_of_fds);
 
 void dv_producer_worker_init(dv_handle* service_handle, dv_worker* producer);
 void dv_consumer_worker_init(dv_handle* service_handle, dv_worker* producer, dv_worker* worker, size_t index,

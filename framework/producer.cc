@@ -399,13 +399,14 @@ void accept_client(dv_worker* producer, graveyard& dead)
             watch_listener(producer, false);
         return;
     }
-    uid_t uid;
+    dv_peer peer;
     bool out_of_fds = false;
-    if (!dv_admit_client(h, fd, &uid, &out_of_fds)) {
+    if (!dv_admit_client(h, fd, &peer, &out_of_fds)) {
         if (out_of_fds)
             watch_listener(producer, false);
         return;
     }
+    const uid_t uid = peer.known ? peer.cred.uid : static_cast<uid_t>(-1);
     pthread_mutex_lock(&producer->direct_lock);
     const bool full =
         producer->waiting > DV_MAX_WAITING_CLIENTS - 1 || waiting_of(producer, uid) >= DV_MAX_WAITING_PER_UID;
@@ -432,6 +433,7 @@ void accept_client(dv_worker* producer, graveyard& dead)
     c->queue.type = CLIENT_SOCK;
     c->queue.sockfd = fd;
     c->uid = uid;
+    c->peer = peer;
     struct epoll_event ev;
     memset(&ev, 0, sizeof(ev));
     ev.events = DV_EVENTS_WAITING;
@@ -505,7 +507,7 @@ bool dv_out_of_descriptors(int err)
     return err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM;
 }
 
-bool dv_admit_client(dv_handle* h, int fd, uid_t* uid, bool* out_of_fds)
+bool dv_admit_client(dv_handle* h, int fd, dv_peer* peer, bool* out_of_fds)
 {
     *out_of_fds = false;
     if (!leaves_reserve(fd)) {
@@ -513,14 +515,12 @@ bool dv_admit_client(dv_handle* h, int fd, uid_t* uid, bool* out_of_fds)
         *out_of_fds = true;
         return false;
     }
-    struct ucred cred;
-    socklen_t len = sizeof(cred);
-    bool have_cred = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0;
-    if (!admitted(h, have_cred ? &cred : nullptr)) {
+    socklen_t len = sizeof(peer->cred);
+    peer->known = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer->cred, &len) == 0;
+    if (!admitted(h, peer->known ? &peer->cred : nullptr)) {
         refuse(fd, DV_DIRECTIVE_REJECT);
         return false;
     }
-    *uid = have_cred ? cred.uid : static_cast<uid_t>(-1);
     if (__atomic_load_n(&h->paused, __ATOMIC_RELAXED)) {
         refuse(fd, DV_DIRECTIVE_PAUSED);
         return false;
@@ -550,13 +550,14 @@ void dv_direct_watch(dv_worker* producer, dv_worker* w, bool on)
     }
 }
 
-int dv_next_client(dv_worker* producer, dv_worker* w)
+int dv_next_client(dv_worker* producer, dv_worker* w, dv_peer* peer)
 {
     int fd = -1;
     pthread_mutex_lock(&producer->direct_lock);
     const bool stopping = __atomic_load_n(&w->handle->stopping, __ATOMIC_RELAXED);
     if (dv_client* c = stopping ? nullptr : producer->clients.head) {
         fd = pop_client(producer, c);
+        *peer = c->peer;
         // The producer may hold an event for it still: it frees the entry
         // after its batch.
         c->queue.sockfd = 0;
