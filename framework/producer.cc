@@ -293,9 +293,9 @@ bool admitted(dv_handle* h, const struct ucred* cred)
 }
 
 // Under direct_lock: the listening socket goes to an idle consumer that
-// offered to watch it (first, if it did), else to the producer's own epoll set. Adding it to a
-// set reports a client already pending, so none is left behind. A failed
-// watch is tried again after a rest.
+// offered to watch it (first, if it did), else to the producer's own epoll
+// set. Adding it to a set reports a client already pending, so none is left
+// behind. A failed watch is tried again after a rest.
 void pass_watch(dv_worker* producer, dv_worker* first = nullptr)
 {
     if (resting_until(producer) || producer->watcher)
