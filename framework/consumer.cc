@@ -318,7 +318,12 @@ void accept_directly(consumer_state& s)
     if (producer->watcher == w && w->idle && !stopping) {
         client = dv_accept(producer->queue.sockfd);
         const int err = errno;
-        if (client >= 0) {
+        if (client >= 0 && !dv_leaves_reserve(client)) {
+            // Before the watch passes on: another consumer would only
+            // accept the next client into the same shortage.
+            dv_rest_listener(producer);
+            rested = true;
+        } else if (client >= 0) {
             w->idle = 0;
             dv_direct_watch(producer, w, false);
         } else if (dv_out_of_descriptors(err)) {
@@ -335,6 +340,10 @@ void accept_directly(consumer_state& s)
         dv_send_directive_type(w->sockfd[0], DV_DIRECTIVE_NUDGE);
     if (client < 0)
         return;
+    if (rested) {  // we stay idle
+        dv_refuse(client, DV_DIRECTIVE_BUSY);
+        return;
+    }
 
     dv_peer peer;
     bool out_of_fds;

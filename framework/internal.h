@@ -190,6 +190,10 @@ int dv_accept(int listen_fd);
 // (then the listening socket rests); EMFILE also has the descriptor limit
 // read again.
 bool dv_out_of_descriptors(int err);
+// Whether a new descriptor leaves DV_FD_RESERVE free below the limit.
+bool dv_leaves_reserve(int fd);
+// Sends a client the refusal of the given type and closes it.
+void dv_refuse(int fd, uint8_t type);
 // The checks every new client passes, with the refusals they send: the
 // descriptor reserve, the admission check, paused. False when the client
 // was refused (and closed); *peer holds the peer's credentials.

@@ -500,6 +500,16 @@ int dv_accept(int listen_fd)
     return accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
 }
 
+bool dv_leaves_reserve(int fd)
+{
+    return leaves_reserve(fd);
+}
+
+void dv_refuse(int fd, uint8_t type)
+{
+    refuse(fd, type);
+}
+
 bool dv_out_of_descriptors(int err)
 {
     if (err == EMFILE)
