@@ -1,6 +1,7 @@
 // Consumer workers: each owns one client at a time, receives its request and
 // runs the service's exec callback with a message object built from it. A
-// thread consumer idle while nobody waits accepts its next client itself.
+// thread consumer takes its next client itself: the first waiting one, or,
+// while nobody waits, the next to connect.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -34,6 +35,7 @@ long long now_ms()
 struct consumer_state {
     dv_worker* worker;
     long long deadline = 0;  // when the held client must have sent its request
+    dv_peer peer{};          // the held client's credentials, when read at accept
 };
 
 void report_ready(dv_worker* w)
@@ -46,41 +48,14 @@ void report_ready(dv_worker* w)
     dv_send_directive(w->sockfd[0], &d);
 }
 
-// Done with a client (or never had one): a thread consumer that finds
-// nobody waiting watches the listening socket itself; otherwise, or in a
-// process, it tells the producer, which hands it the next waiting client.
-void become_idle(dv_worker* w)
-{
-    if (w->mode & DV_PTHREAD_MODE) {
-        dv_worker* producer = dv_producer_of(w->handle);
-        pthread_mutex_lock(&producer->direct_lock);
-        // Not while the producer rests the listening socket (out of
-        // descriptors): it decides when to try again.
-        bool direct = producer->waiting == 0 && producer->listen_again_ms == 0 &&
-                      !__atomic_load_n(&w->handle->stopping, __ATOMIC_RELAXED);
-        if (direct) {
-            w->idle = 1;
-            dv_direct_watch(producer, w, true);
-            direct = w->direct;
-            if (!direct)
-                w->idle = 0;  // the producer learns of it below, as ever
-        }
-        pthread_mutex_unlock(&producer->direct_lock);
-        if (direct)
-            return;
-    }
-    report_ready(w);
-}
-
-// A new thread consumer watches the listening socket as soon as it runs,
-// unless the producer has handed it a client already (its transfer waits on
-// the control socket).
+// A new thread consumer offers to watch the listening socket as soon as it
+// runs, unless the producer has handed it a client already (its transfer
+// waits on the control socket).
 void start_watching(dv_worker* w)
 {
     dv_worker* producer = dv_producer_of(w->handle);
     pthread_mutex_lock(&producer->direct_lock);
-    if (w->idle && producer->waiting == 0 && producer->listen_again_ms == 0 &&
-        !__atomic_load_n(&w->handle->stopping, __ATOMIC_RELAXED))
+    if (w->idle && !__atomic_load_n(&w->handle->stopping, __ATOMIC_RELAXED))
         dv_direct_watch(producer, w, true);
     pthread_mutex_unlock(&producer->direct_lock);
 }
@@ -99,7 +74,6 @@ void drop_client(dv_worker* w)
 {
     if (w->client < 0)
         return;
-    epoll_ctl(w->pollfd, EPOLL_CTL_DEL, w->client, nullptr);
     shutdown(w->client, SHUT_RDWR);
     close(w->client);
     w->client = -1;
@@ -253,115 +227,179 @@ void serve_request(consumer_state& s, const dv_directive& d)
         drop_client(w);
         return;
     }
-    epoll_ctl(w->pollfd, EPOLL_CTL_DEL, client, nullptr);
     w->client = -1;
     io->sockfd = client;
     memcpy(io->name, d.data, sizeof(io->name) - 1);
     io->name[sizeof(io->name) - 1] = '\0';
-    struct ucred cred;
-    socklen_t len = sizeof(cred);
-    bool have_cred = getsockopt(client, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0;
-    if (have_cred) {
-        io->pid = cred.pid;
-        io->uid = cred.uid;
-        io->gid = cred.gid;
+    if (!s.peer.known) {  // handed over by the producer
+        socklen_t len = sizeof(s.peer.cred);
+        s.peer.known = getsockopt(client, SOL_SOCKET, SO_PEERCRED, &s.peer.cred, &len) == 0;
     }
-    if ((w->mode & DV_PROCESS_MODE) && have_cred)
-        adopt_environment(cred.pid);
+    if (s.peer.known) {
+        io->pid = s.peer.cred.pid;
+        io->uid = s.peer.cred.uid;
+        io->gid = s.peer.cred.gid;
+    }
+    if ((w->mode & DV_PROCESS_MODE) && s.peer.known)
+        adopt_environment(s.peer.cred.pid);
     if (dv_answer_description(w->handle, io, extra))
         return;
     w->exec(io->name, io, extra);
 }
 
-// A new client from the producer: receive it, echo the transfer so the
-// producer closes its copy, tell the client to go ahead.
-// Tells a client to go ahead and waits for its request.
-void hold_client(consumer_state& s, int client)
+// Tells a client to go ahead and waits for its request. False when the
+// client could not be told (it is closed then). peer: its credentials, or
+// null when they are still to be read.
+bool hold_client(consumer_state& s, int client, const dv_peer* peer)
 {
     dv_worker* w = s.worker;
-    struct epoll_event ev;
-    memset(&ev, 0, sizeof(ev));
-    ev.events = DV_EVENTS;
-    ev.data.fd = client;
-    if (!dv_send_directive_type(client, DV_DIRECTIVE_ACCEPT) || epoll_ctl(w->pollfd, EPOLL_CTL_ADD, client, &ev) != 0) {
+    s.peer = peer ? *peer : dv_peer{};
+    if (!dv_send_directive_type(client, DV_DIRECTIVE_ACCEPT)) {
         shutdown(client, SHUT_RDWR);
         close(client);
-        become_idle(w);
-        return;
+        return false;
     }
     w->client = client;
     s.deadline = now_ms() + DV_REQUEST_DEADLINE_MS;
+    return true;
 }
 
+// Done with a client (or never had one). A thread consumer takes the first
+// waiting client from the producer's queue itself, or, when nobody waits,
+// becomes idle and offers to watch the listening socket; a process tells the
+// producer, which hands it the next waiting client.
+void become_idle(consumer_state& s)
+{
+    dv_worker* w = s.worker;
+    if (!(w->mode & DV_PTHREAD_MODE)) {
+        report_ready(w);
+        return;
+    }
+    dv_worker* producer = dv_producer_of(w->handle);
+    dv_peer peer;
+    for (int client; (client = dv_next_client(producer, w, &peer)) >= 0;)
+        if (hold_client(s, client, &peer))
+            return;
+}
+
+// A new client from the producer: receive it, echo the transfer so the
+// producer closes its copy, tell the client to go ahead.
 void take_client(consumer_state& s, const dv_directive& d)
 {
     dv_worker* w = s.worker;
     stop_watching(w);  // the producer claimed us for this one
     int client = dv_recv_fd(w->sockfd[0]);
     dv_send_directive(w->sockfd[0], &d);
-    if (client < 0) {
-        become_idle(w);
-        return;
-    }
-    hold_client(s, client);
+    if (client < 0 || !hold_client(s, client, nullptr))
+        become_idle(s);
 }
 
-// The listening socket is readable while we watch it: take the client,
-// unless the producer has claimed us meanwhile (its transfer is on the way)
-// or another consumer was quicker. The client passes the producer's checks.
+// The producer wakes up to see that the listening socket rests, and when to
+// watch it again.
+void rest_listener(dv_worker* w)
+{
+    dv_worker* producer = dv_producer_of(w->handle);
+    pthread_mutex_lock(&producer->direct_lock);
+    dv_rest_listener(producer);
+    pthread_mutex_unlock(&producer->direct_lock);
+    dv_send_directive_type(w->sockfd[0], DV_DIRECTIVE_NUDGE);
+}
+
+// The listening socket is readable while we watch it: take the client and
+// pass the watch on, unless the producer has claimed us meanwhile (its
+// transfer is on the way; the watch passes on too) or another worker was
+// quicker. The client passes the producer's checks; running out of
+// descriptors rests the listening socket as it does for the producer.
 void accept_directly(consumer_state& s)
 {
     dv_worker* w = s.worker;
     dv_worker* producer = dv_producer_of(w->handle);
     int client = -1;
-    bool lost_race = false;
+    bool rested = false;
     pthread_mutex_lock(&producer->direct_lock);
-    if (w->idle && w->direct && !__atomic_load_n(&w->handle->stopping, __ATOMIC_RELAXED)) {
+    const bool stopping = __atomic_load_n(&w->handle->stopping, __ATOMIC_RELAXED);
+    if (producer->watcher == w && w->idle && !stopping) {
         client = dv_accept(producer->queue.sockfd);
-        if (client >= 0)
+        const int err = errno;
+        if (client >= 0 && !dv_leaves_reserve(client)) {
+            // Before the watch passes on: another consumer would only
+            // accept the next client into the same shortage.
+            dv_rest_listener(producer);
+            rested = true;
+        } else if (client >= 0) {
             w->idle = 0;
-        else
-            lost_race = errno == EAGAIN || errno == EWOULDBLOCK;
-    }
-    // Watching on only when another consumer (or the producer) was quicker.
-    // Anything else (out of descriptors, stopping, claimed for a transfer)
-    // leaves the listening socket to the producer, which paces its retries.
-    const bool keep_watching = lost_race;
-    if (!keep_watching)
+            dv_direct_watch(producer, w, false);
+        } else if (dv_out_of_descriptors(err)) {
+            dv_rest_listener(producer);
+            rested = true;
+        } else if (err != EAGAIN && err != EWOULDBLOCK && err != ECONNABORTED && err != EINTR) {
+            dv_direct_watch(producer, w, false);  // the producer will see what is wrong
+        }
+    } else if (!w->idle || stopping) {
         dv_direct_watch(producer, w, false);
+    }
     pthread_mutex_unlock(&producer->direct_lock);
+    if (rested)
+        dv_send_directive_type(w->sockfd[0], DV_DIRECTIVE_NUDGE);
     if (client < 0)
-        return;  // still idle: the producer hands us the next client
-
-    uid_t uid;
-    bool out_of_fds;
-    if (!dv_admit_client(w->handle, client, &uid, &out_of_fds)) {
-        become_idle(w);
+        return;
+    if (rested) {  // we stay idle
+        dv_refuse(client, DV_DIRECTIVE_BUSY);
         return;
     }
-    hold_client(s, client);
+
+    dv_peer peer;
+    bool out_of_fds;
+    if (!dv_admit_client(w->handle, client, &peer, &out_of_fds)) {
+        if (out_of_fds)
+            rest_listener(w);
+        become_idle(s);
+        return;
+    }
+    if (!hold_client(s, client, &peer))
+        become_idle(s);
+}
+
+// Waits, within the request deadline, for the held client or the control
+// socket (the control socket first when both have something), as epoll would
+// report it. A held client is polled, not added to the epoll set and taken
+// out again: two system calls less per request.
+int wait_held(const consumer_state& s, struct epoll_event* ev)
+{
+    static_assert(POLLIN == EPOLLIN && POLLERR == EPOLLERR && POLLHUP == EPOLLHUP && POLLRDHUP == EPOLLRDHUP,
+                  "poll and epoll report with the same bits");
+    dv_worker* w = s.worker;
+    struct pollfd p[2] = {{w->sockfd[0], POLLIN | POLLRDHUP, 0}, {w->client, POLLIN | POLLRDHUP, 0}};
+    int n = poll(p, 2, remaining_ms(s));
+    if (n <= 0)
+        return n;
+    const struct pollfd& ready = p[0].revents ? p[0] : p[1];
+    ev->events = static_cast<uint32_t>(ready.revents);
+    ev->data.fd = ready.fd;
+    return 1;
 }
 
 void consumer_loop(dv_worker* w)
 {
     consumer_state s{w};
     const int listen_fd = dv_producer_of(w->handle)->queue.sockfd;
-    if (w->mode & DV_PTHREAD_MODE)
+    const bool thread = w->mode & DV_PTHREAD_MODE;
+    if (thread)
         start_watching(w);
     for (;;) {
         struct epoll_event ev;
         int n;
         do {
-            n = epoll_wait(w->pollfd, &ev, 1, w->client >= 0 ? remaining_ms(s) : -1);
+            n = w->client >= 0 ? wait_held(s, &ev) : epoll_wait(w->pollfd, &ev, 1, -1);
         } while (n < 0 && errno == EINTR);
         if (n == 0 && w->client >= 0) {
             drop_client(w);  // the request did not come in time
-            become_idle(w);
+            become_idle(s);
             continue;
         }
         if (n < 1)
             return;
-        if (w->direct && ev.data.fd == listen_fd) {
+        if (thread && ev.data.fd == listen_fd) {
             accept_directly(s);
             continue;
         }
@@ -372,7 +410,7 @@ void consumer_loop(dv_worker* w)
             if (control)
                 return;
             drop_client(w);
-            become_idle(w);
+            become_idle(s);
             continue;
         }
         dv_directive d;
@@ -388,7 +426,7 @@ void consumer_loop(dv_worker* w)
                 report_ready(w);
             } else {
                 drop_client(w);
-                become_idle(w);
+                become_idle(s);
             }
             continue;
         }
@@ -401,11 +439,11 @@ void consumer_loop(dv_worker* w)
         }
         if (d.type == DV_DIRECTIVE_REQUEST) {
             serve_request(s, d);
-            become_idle(w);
+            become_idle(s);
             continue;
         }
         drop_client(w);  // a client may only send its request
-        become_idle(w);
+        become_idle(s);
     }
 }
 
@@ -430,6 +468,9 @@ void* dv_consumer_worker(void* arg)
 
     consumer_loop(w);
 
+    // Nobody may pass the watch to an epoll set about to close.
+    if (w->mode & DV_PTHREAD_MODE)
+        stop_watching(w);
     drop_client(w);
     shutdown(w->sockfd[0], SHUT_RDWR);
     close(w->sockfd[0]);
@@ -465,8 +506,11 @@ void dv_consumer_worker_init(dv_handle* h, dv_worker* producer, dv_worker* w, si
     w->worker_fini_arg = h->worker_fini_arg;
     w->handle = h;
     w->sockfd[0] = w->sockfd[1] = -1;
+    // Running consumers read these of every other when they pass the watch.
+    pthread_mutex_lock(&producer->direct_lock);
     w->idle = 1;
     w->direct = false;
+    pthread_mutex_unlock(&producer->direct_lock);
     w->pollfd = -1;
     w->client = -1;
     w->handed = -1;

@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -90,6 +91,13 @@ struct dv_event_queue {
     int sockfd;
 };
 
+// A client's credentials, read once when it is accepted: they are fixed at
+// connect, so whoever serves it need not ask the socket again.
+struct dv_peer {
+    struct ucred cred;
+    bool known;  // false when they could not be read
+};
+
 // A client waiting in the producer's queue, in the order it will be served.
 struct dv_client {
     dv_event_queue queue;  // type CLIENT_SOCK; first so the epoll pointer casts
@@ -97,6 +105,7 @@ struct dv_client {
     dv_client* next;
     uid_t uid;     // the peer's, from SO_PEERCRED (-1 when unknown)
     uint64_t turn; // its uid's round in which it is served
+    dv_peer peer;
 };
 
 // Per-uid bookkeeping of the producer's queue (producer.cc).
@@ -133,14 +142,19 @@ struct dv_worker {
     dv_waiting_uids* uids; // producer: waiting clients per uid
     long long listen_again_ms;  // producer: when to watch the listening socket again, 0 when watched
 
-    // A thread consumer that goes idle while nobody waits takes its next
-    // client from the listening socket itself, and the producer leaves that
-    // socket alone meanwhile. The producer's direct_lock guards every
-    // consumer's idle flag, the producer's waiting count, direct_waiting and
-    // listen_again_ms.
+    // Thread consumers take their clients without the producer where they
+    // can. One idle consumer at a time, the watcher, has the listening socket
+    // in its epoll set, so that a new client wakes one thread, not every idle
+    // one; when it takes a client, the watch passes to another idle consumer
+    // (or back to the producer). A consumer that finishes while clients wait
+    // takes the first of the queue itself, in the queue's order. The
+    // producer's direct_lock guards every consumer's idle and direct flags,
+    // the queue and its per-uid turns, watcher, taken and listen_again_ms.
     pthread_mutex_t direct_lock;  // producer
-    size_t direct_waiting;        // producer: consumers watching the listening socket
-    bool direct;                  // consumer: it watches the listening socket now
+    dv_worker* watcher;           // producer: the consumer watching the listening socket, or null
+    dv_client* taken;             // producer: queue entries consumers took, freed after its batch of events
+    bool listening;               // producer: its own epoll set holds the listening socket
+    bool direct;                  // consumer: idle and willing to watch the listening socket
 };
 
 // The producer's record of a service (after its consumers').
@@ -149,18 +163,41 @@ inline dv_worker* dv_producer_of(dv_handle* h)
     return &h->worker[h->service_size];
 }
 
-// Under the producer's direct_lock: a consumer starts or stops watching the
-// listening socket; the producer watches it whenever no consumer does (and
-// it is not resting after running out of descriptors).
+// Under the producer's direct_lock: an idle thread consumer offers to watch
+// the listening socket (it becomes the watcher when there is none), or
+// withdraws (the watch passes to another that offered, else the producer).
+// The listening socket rests while listen_again_ms is set: nobody watches it.
 void dv_direct_watch(dv_worker* producer, dv_worker* w, bool on);
+
+// A thread consumer done with its client: the first waiting client's socket
+// (its credentials in *peer), taken from the queue (w stays busy), or -1 with
+// w idle and offering to watch the listening socket.
+int dv_next_client(dv_worker* producer, dv_worker* w, dv_peer* peer);
+
+// A consumer ran out of descriptors taking a client from the listening
+// socket: nobody watches it for DV_ACCEPT_PAUSE_MS (the caller wakes the
+// producer, which paces the retry).
+void dv_rest_listener(dv_worker* producer);
+
+// A consumer-to-producer directive that carries nothing: it only wakes the
+// producer to look at the listening socket's state again.
+inline constexpr uint8_t DV_DIRECTIVE_NUDGE = 0;
 
 // Accepts a pending client (the listening socket never blocks: EAGAIN when
 // another worker was quicker); the descriptor or -1 (errno set).
 int dv_accept(int listen_fd);
+// Whether accept's errno means the process ran out of descriptors or memory
+// (then the listening socket rests); EMFILE also has the descriptor limit
+// read again.
+bool dv_out_of_descriptors(int err);
+// Whether a new descriptor leaves DV_FD_RESERVE free below the limit.
+bool dv_leaves_reserve(int fd);
+// Sends a client the refusal of the given type and closes it.
+void dv_refuse(int fd, uint8_t type);
 // The checks every new client passes, with the refusals they send: the
 // descriptor reserve, the admission check, paused. False when the client
-// was refused (and closed); *uid is the peer's.
-bool dv_admit_client(dv_handle* h, int fd, uid_t* uid, bool* out_of_fds);
+// was refused (and closed); *peer holds the peer's credentials.
+bool dv_admit_client(dv_handle* h, int fd, dv_peer* peer, bool* out_of_fds);
 
 void dv_producer_worker_init(dv_handle* service_handle, dv_worker* producer);
 void dv_consumer_worker_init(dv_handle* service_handle, dv_worker* producer, dv_worker* worker, size_t index,

@@ -1,8 +1,10 @@
 // The producer: accepts clients, queues them (uids taking turns, each uid's
 // clients first come first served), and hands each to an idle consumer. It
-// never blocks on a consumer. While nobody waits, idle thread consumers
-// accept from the listening socket themselves (no hand-over on the way) and
-// the producer leaves it alone; it takes over again when none is idle.
+// never blocks on a consumer. While nobody waits, an idle thread consumer
+// accepts from the listening socket itself (no hand-over on the way) and the
+// producer leaves it alone; it takes over again when none is idle. Thread
+// consumers that finish while clients wait take the next one from the queue
+// themselves; the producer hands clients over only to consumers that are idle.
 #include <errno.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -42,9 +44,19 @@ long long now_ms()
     return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
+void free_clients(dv_client* c)
+{
+    while (c) {
+        dv_client* next = c->next;
+        free(c);
+        c = next;
+    }
+}
+
 // Client entries removed while a batch of events is being handled may still
-// be named by a later event of the same batch; they are marked (socket 0)
-// and freed only after the batch.
+// be named by a later event of the same batch; they are marked (socket 0,
+// under direct_lock, as consumers read it there) and freed only after the
+// batch.
 struct graveyard {
     dv_client* head = nullptr;
     void bury(dv_client* c)
@@ -55,14 +67,22 @@ struct graveyard {
     }
     void clear()
     {
-        while (head) {
-            dv_client* next = head->next;
-            free(head);
-            head = next;
-        }
+        free_clients(head);
+        head = nullptr;
     }
 };
 
+long long resting_until(const dv_worker* producer)
+{
+    return __atomic_load_n(&producer->listen_again_ms, __ATOMIC_RELAXED);
+}
+
+void set_resting_until(dv_worker* producer, long long ms)
+{
+    __atomic_store_n(&producer->listen_again_ms, ms, __ATOMIC_RELAXED);
+}
+
+// The queue and its turns are read and changed under direct_lock only.
 void unlink_client(dv_worker* producer, dv_client* c)
 {
     if (c->prev)
@@ -109,16 +129,21 @@ size_t waiting_of(const dv_worker* producer, uid_t uid)
     return it == producer->uids->by_uid.end() ? 0 : it->second.waiting;
 }
 
+// Unless a consumer has taken it meanwhile.
 void drop_client(dv_worker* producer, dv_client* c, graveyard& dead)
 {
-    int fd = c->queue.sockfd;
-    epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, fd, nullptr);
-    shutdown(fd, SHUT_RDWR);
-    close(fd);
     pthread_mutex_lock(&producer->direct_lock);
-    unlink_client(producer, c);
+    int fd = c->queue.sockfd;
+    if (fd != 0) {
+        epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, fd, nullptr);
+        unlink_client(producer, c);
+        dead.bury(c);
+    }
     pthread_mutex_unlock(&producer->direct_lock);
-    dead.bury(c);
+    if (fd != 0) {
+        shutdown(fd, SHUT_RDWR);
+        close(fd);
+    }
 }
 
 void refuse(int fd, uint8_t type)
@@ -211,22 +236,45 @@ void hand_over(dv_worker* producer, dv_worker* w, int fd)
     }
 }
 
+bool queue_empty(dv_worker* producer)
+{
+    pthread_mutex_lock(&producer->direct_lock);
+    bool empty = producer->clients.head == nullptr;
+    pthread_mutex_unlock(&producer->direct_lock);
+    return empty;
+}
+
+// Under direct_lock: the first waiting client leaves the queue; its socket.
+int pop_client(dv_worker* producer, dv_client* c)
+{
+    int fd = c->queue.sockfd;
+    if (producer->pollfd >= 0)
+        epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, fd, nullptr);
+    producer->uids->turn = c->turn;
+    unlink_client(producer, c);
+    return fd;
+}
+
 // Hands waiting clients to idle consumers, round robin, while both exist.
 void dispatch(dv_worker* producer, graveyard& dead)
 {
     dv_handle* h = producer->handle;
-    while (producer->clients.head && !__atomic_load_n(&h->stopping, __ATOMIC_RELAXED)) {
+    while (!queue_empty(producer) && !__atomic_load_n(&h->stopping, __ATOMIC_RELAXED)) {
         dv_worker* chosen = choose_consumer(producer);
         if (!chosen)
             return;
-        dv_client* c = producer->clients.head;
-        int fd = c->queue.sockfd;
-        epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, fd, nullptr);
-        producer->uids->turn = c->turn;
         pthread_mutex_lock(&producer->direct_lock);
-        unlink_client(producer, c);
+        dv_client* c = producer->clients.head;
+        int fd = -1;
+        if (c) {
+            fd = pop_client(producer, c);
+            dead.bury(c);
+        } else {
+            chosen->idle = 1;  // a consumer that finished took the last one meanwhile
+        }
         pthread_mutex_unlock(&producer->direct_lock);
-        dead.bury(c);
+        if (fd < 0)
+            return;
         hand_over(producer, chosen, fd);
     }
 }
@@ -244,36 +292,99 @@ bool admitted(dv_handle* h, const struct ucred* cred)
     return admit(h->name, cred->pid, cred->uid, cred->gid, arg) != 0;
 }
 
-// Watches the listening socket again (unless a consumer watches it), or
-// leaves it alone for a moment. A failed watch is tried again after that
-// moment too.
+// Under direct_lock: the listening socket goes to an idle consumer that
+// offered to watch it (first, if it did), else to the producer's own epoll
+// set. Adding it to a set reports a client already pending, so none is left
+// behind. A failed watch is tried again after a rest.
+void pass_watch(dv_worker* producer, dv_worker* first = nullptr)
+{
+    if (resting_until(producer) || producer->watcher)
+        return;
+    dv_handle* h = producer->handle;
+    const int listen_fd = producer->queue.sockfd;
+    struct epoll_event ev;
+    memset(&ev, 0, sizeof(ev));
+    ev.events = EPOLLIN;
+    ev.data.fd = listen_fd;
+    for (size_t i = 0; i <= h->service_size; i++) {
+        dv_worker* x = i == 0 ? first : &h->worker[i - 1];
+        if (!x)
+            continue;
+        if (x->direct && x->idle && epoll_ctl(x->pollfd, EPOLL_CTL_ADD, listen_fd, &ev) == 0) {
+            producer->watcher = x;
+            if (producer->listening && producer->pollfd >= 0)
+                epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, listen_fd, nullptr);
+            producer->listening = false;
+            return;
+        }
+    }
+    if (producer->listening || producer->pollfd < 0)
+        return;
+    ev.events = DV_EVENTS;
+    ev.data.ptr = &producer->queue;
+    if (epoll_ctl(producer->pollfd, EPOLL_CTL_ADD, listen_fd, &ev) == 0 || errno == EEXIST)
+        producer->listening = true;
+    else
+        set_resting_until(producer, now_ms() + DV_ACCEPT_PAUSE_MS);
+}
+
+// Under direct_lock: nobody watches the listening socket for a moment.
+void rest_listener(dv_worker* producer)
+{
+    const int listen_fd = producer->queue.sockfd;
+    if (dv_worker* x = producer->watcher) {
+        epoll_ctl(x->pollfd, EPOLL_CTL_DEL, listen_fd, nullptr);
+        producer->watcher = nullptr;
+    }
+    if (producer->listening && producer->pollfd >= 0)
+        epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, listen_fd, nullptr);
+    producer->listening = false;
+    set_resting_until(producer, now_ms() + DV_ACCEPT_PAUSE_MS);
+}
+
+// Watches the listening socket again (or lets a consumer watch it), or
+// leaves it alone for a moment.
 void watch_listener(dv_worker* producer, bool on)
 {
     pthread_mutex_lock(&producer->direct_lock);
-    producer->listen_again_ms = 0;
     if (on) {
-        if (producer->direct_waiting == 0) {
-            struct epoll_event ev;
-            memset(&ev, 0, sizeof(ev));
-            ev.events = DV_EVENTS;
-            ev.data.ptr = &producer->queue;
-            if (epoll_ctl(producer->pollfd, EPOLL_CTL_ADD, producer->queue.sockfd, &ev) != 0 && errno != EEXIST)
-                producer->listen_again_ms = now_ms() + DV_ACCEPT_PAUSE_MS;
-        }
+        set_resting_until(producer, 0);
+        pass_watch(producer);
     } else {
-        epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, producer->queue.sockfd, nullptr);
-        producer->listen_again_ms = now_ms() + DV_ACCEPT_PAUSE_MS;
+        rest_listener(producer);
     }
     pthread_mutex_unlock(&producer->direct_lock);
+}
+
+// The descriptor limit, read again when a second has passed since the last
+// reading or when asked: reading it on every accept costs a system call per
+// client, and it changes rarely (an administrator's prlimit).
+rlim_t descriptor_limit(bool fresh)
+{
+    static long long read_at = -1;
+    static rlim_t limit = RLIM_INFINITY;
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+    const long long now = static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+    const long long at = __atomic_load_n(&read_at, __ATOMIC_ACQUIRE);
+    if (fresh || at < 0 || now - at >= 1000) {
+        struct rlimit lim;
+        const rlim_t value = getrlimit(RLIMIT_NOFILE, &lim) == 0 ? lim.rlim_cur : RLIM_INFINITY;
+        __atomic_store_n(&limit, value, __ATOMIC_RELAXED);
+        __atomic_store_n(&read_at, now, __ATOMIC_RELEASE);
+        return value;
+    }
+    return __atomic_load_n(&limit, __ATOMIC_RELAXED);
 }
 
 // New descriptors take the lowest free number: one this close to the limit
 // means hardly any are left below it.
 bool leaves_reserve(int fd)
 {
-    struct rlimit lim;
-    return getrlimit(RLIMIT_NOFILE, &lim) != 0 || lim.rlim_cur == RLIM_INFINITY ||
-           static_cast<rlim_t>(fd) + DV_FD_RESERVE < lim.rlim_cur;
+    rlim_t limit = descriptor_limit(false);
+    if (limit != RLIM_INFINITY && static_cast<rlim_t>(fd) + DV_FD_RESERVE >= limit)
+        limit = descriptor_limit(true);  // lowered lately, or raised: be sure
+    return limit == RLIM_INFINITY || static_cast<rlim_t>(fd) + DV_FD_RESERVE < limit;
 }
 
 void accept_client(dv_worker* producer, graveyard& dead)
@@ -284,24 +395,30 @@ void accept_client(dv_worker* producer, graveyard& dead)
         // Out of descriptors or memory: the pending connection stays in the
         // backlog and would wake us at once, again and again. Those that
         // wait are served meanwhile, and their ends free descriptors.
-        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
+        if (dv_out_of_descriptors(errno))
             watch_listener(producer, false);
         return;
     }
-    uid_t uid;
+    dv_peer peer;
     bool out_of_fds = false;
-    if (!dv_admit_client(h, fd, &uid, &out_of_fds)) {
+    if (!dv_admit_client(h, fd, &peer, &out_of_fds)) {
         if (out_of_fds)
             watch_listener(producer, false);
         return;
     }
-    if (producer->waiting > DV_MAX_WAITING_CLIENTS - 1 || waiting_of(producer, uid) >= DV_MAX_WAITING_PER_UID) {
+    const uid_t uid = peer.known ? peer.cred.uid : static_cast<uid_t>(-1);
+    pthread_mutex_lock(&producer->direct_lock);
+    const bool full =
+        producer->waiting > DV_MAX_WAITING_CLIENTS - 1 || waiting_of(producer, uid) >= DV_MAX_WAITING_PER_UID;
+    const bool nobody_waits = producer->clients.head == nullptr;
+    pthread_mutex_unlock(&producer->direct_lock);
+    if (full) {
         refuse(fd, DV_DIRECTIVE_BUSY);
         return;
     }
     // Nobody waits and a consumer is idle: the client goes straight to it,
     // without the queue entry it would only leave again at once.
-    if (!producer->clients.head && !__atomic_load_n(&h->stopping, __ATOMIC_RELAXED)) {
+    if (nobody_waits && !__atomic_load_n(&h->stopping, __ATOMIC_RELAXED)) {
         if (dv_worker* w = choose_consumer(producer)) {
             hand_over(producer, w, fd);
             return;
@@ -316,6 +433,7 @@ void accept_client(dv_worker* producer, graveyard& dead)
     c->queue.type = CLIENT_SOCK;
     c->queue.sockfd = fd;
     c->uid = uid;
+    c->peer = peer;
     struct epoll_event ev;
     memset(&ev, 0, sizeof(ev));
     ev.events = DV_EVENTS_WAITING;
@@ -330,6 +448,16 @@ void accept_client(dv_worker* producer, graveyard& dead)
     link_client(producer, c);
     pthread_mutex_unlock(&producer->direct_lock);
     dispatch(producer, dead);
+}
+
+// Entries consumers took from the queue, no longer named by any event.
+void free_taken(dv_worker* producer)
+{
+    pthread_mutex_lock(&producer->direct_lock);
+    dv_client* taken = producer->taken;
+    producer->taken = nullptr;
+    pthread_mutex_unlock(&producer->direct_lock);
+    free_clients(taken);
 }
 
 void consumer_directive(dv_worker* producer, dv_event_queue* q, graveyard& dead)
@@ -372,7 +500,24 @@ int dv_accept(int listen_fd)
     return accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
 }
 
-bool dv_admit_client(dv_handle* h, int fd, uid_t* uid, bool* out_of_fds)
+bool dv_leaves_reserve(int fd)
+{
+    return leaves_reserve(fd);
+}
+
+void dv_refuse(int fd, uint8_t type)
+{
+    refuse(fd, type);
+}
+
+bool dv_out_of_descriptors(int err)
+{
+    if (err == EMFILE)
+        descriptor_limit(true);  // it may have been lowered under us
+    return err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM;
+}
+
+bool dv_admit_client(dv_handle* h, int fd, dv_peer* peer, bool* out_of_fds)
 {
     *out_of_fds = false;
     if (!leaves_reserve(fd)) {
@@ -380,14 +525,12 @@ bool dv_admit_client(dv_handle* h, int fd, uid_t* uid, bool* out_of_fds)
         *out_of_fds = true;
         return false;
     }
-    struct ucred cred;
-    socklen_t len = sizeof(cred);
-    bool have_cred = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0;
-    if (!admitted(h, have_cred ? &cred : nullptr)) {
+    socklen_t len = sizeof(peer->cred);
+    peer->known = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer->cred, &len) == 0;
+    if (!admitted(h, peer->known ? &peer->cred : nullptr)) {
         refuse(fd, DV_DIRECTIVE_REJECT);
         return false;
     }
-    *uid = have_cred ? cred.uid : static_cast<uid_t>(-1);
     if (__atomic_load_n(&h->paused, __ATOMIC_RELAXED)) {
         refuse(fd, DV_DIRECTIVE_PAUSED);
         return false;
@@ -399,30 +542,49 @@ void dv_direct_watch(dv_worker* producer, dv_worker* w, bool on)
 {
     if (w->direct == on)
         return;
-    const int listen_fd = producer->queue.sockfd;
-    struct epoll_event ev;
-    memset(&ev, 0, sizeof(ev));
+    w->direct = on;
     if (on) {
-        // Every watcher is woken for a client, and those that lose the race
-        // find nothing to accept. Waking only one (EPOLLEXCLUSIVE) would
-        // lose the client when that one stops watching without taking it
-        // (claimed for a transfer meanwhile): the others would sleep on.
-        ev.events = EPOLLIN;
-        ev.data.fd = listen_fd;
-        if (epoll_ctl(w->pollfd, EPOLL_CTL_ADD, listen_fd, &ev) != 0)
-            return;  // then the producer hands it clients, as to any
-        w->direct = true;
-        if (producer->direct_waiting++ == 0 && producer->pollfd >= 0)
-            epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, listen_fd, nullptr);
+        // The consumer that ran last watches: the scheduler finds it
+        // quickest, where another may have slept long on a busy CPU.
+        if (dv_worker* x = producer->watcher) {
+            if (epoll_ctl(x->pollfd, EPOLL_CTL_DEL, producer->queue.sockfd, nullptr) == 0 || errno == ENOENT)
+                producer->watcher = nullptr;
+        }
+        pass_watch(producer, w);
         return;
     }
-    epoll_ctl(w->pollfd, EPOLL_CTL_DEL, listen_fd, nullptr);
-    w->direct = false;
-    if (--producer->direct_waiting == 0 && producer->listen_again_ms == 0 && producer->pollfd >= 0) {
-        ev.events = DV_EVENTS;
-        ev.data.ptr = &producer->queue;
-        epoll_ctl(producer->pollfd, EPOLL_CTL_ADD, listen_fd, &ev);
+    if (producer->watcher == w) {
+        epoll_ctl(w->pollfd, EPOLL_CTL_DEL, producer->queue.sockfd, nullptr);
+        producer->watcher = nullptr;
+        pass_watch(producer);
     }
+}
+
+int dv_next_client(dv_worker* producer, dv_worker* w, dv_peer* peer)
+{
+    int fd = -1;
+    pthread_mutex_lock(&producer->direct_lock);
+    const bool stopping = __atomic_load_n(&w->handle->stopping, __ATOMIC_RELAXED);
+    if (dv_client* c = stopping ? nullptr : producer->clients.head) {
+        fd = pop_client(producer, c);
+        *peer = c->peer;
+        // The producer may hold an event for it still: it frees the entry
+        // after its batch.
+        c->queue.sockfd = 0;
+        c->next = producer->taken;
+        producer->taken = c;
+    } else {
+        w->idle = 1;
+        if (!stopping)
+            dv_direct_watch(producer, w, true);
+    }
+    pthread_mutex_unlock(&producer->direct_lock);
+    return fd;
+}
+
+void dv_rest_listener(dv_worker* producer)
+{
+    rest_listener(producer);
 }
 
 void dv_producer_worker_init(dv_handle* h, dv_worker* producer)
@@ -437,7 +599,9 @@ void dv_producer_worker_init(dv_handle* h, dv_worker* producer)
     producer->uids = new dv_waiting_uids;
     producer->listen_again_ms = 0;
     pthread_mutex_init(&producer->direct_lock, nullptr);
-    producer->direct_waiting = 0;
+    producer->watcher = nullptr;
+    producer->taken = nullptr;
+    producer->listening = true;  // once registered below
 
     struct stat st;
     if (lstat(h->sockfile, &st) != 0) {
@@ -499,25 +663,33 @@ void dv_producer_worker(dv_worker* producer)
         int n;
         do {
             int timeout = -1;
-            if (producer->listen_again_ms)
-                timeout = static_cast<int>(std::max(0LL, producer->listen_again_ms - now_ms()));
+            if (long long again = resting_until(producer))
+                timeout = static_cast<int>(std::max(0LL, again - now_ms()));
             n = epoll_wait(producer->pollfd, events, 64, timeout);
         } while (n < 0 && errno == EINTR);
         if (n < 0 || __atomic_load_n(&h->stopping, __ATOMIC_RELAXED))
             break;
-        if (producer->listen_again_ms && now_ms() >= producer->listen_again_ms)
+        if (long long again = resting_until(producer); again && now_ms() >= again)
             watch_listener(producer, true);
         bool ending = false;
         for (int i = 0; i < n && !ending; i++) {
             dv_event_queue* q = static_cast<dv_event_queue*>(events[i].data.ptr);
-            if (!q || q->sockfd == 0)
+            if (!q)
                 continue;
             uint32_t mask = events[i].events;
-            if (mask == DV_EVENTS_GONE) {
-                if (q->type == CLIENT_SOCK)
+            if (q->type == CLIENT_SOCK) {
+                // A waiting client failed or hung up (it asked for nothing
+                // else): unless a consumer took it meanwhile, it goes.
+                if (mask == DV_EVENTS_GONE || (mask & (EPOLLERR | EPOLLHUP)) || !(mask & EPOLLIN))
                     drop_client(producer, reinterpret_cast<dv_client*>(q), dead);
                 else
-                    ending = true;  // the listening socket or a consumer is gone: the service is ending
+                    dispatch(producer, dead);
+                continue;
+            }
+            if (q->sockfd == 0)
+                continue;
+            if (mask == DV_EVENTS_GONE) {
+                ending = true;  // the listening socket or a consumer is gone: the service is ending
                 continue;
             }
             if ((mask & (EPOLLERR | EPOLLHUP)) || !(mask & EPOLLIN)) {
@@ -527,30 +699,31 @@ void dv_producer_worker(dv_worker* producer)
                 drop_client(producer, reinterpret_cast<dv_client*>(q), dead);
                 continue;
             }
-            switch (q->type) {
-            case LISTEN_SOCK:
+            if (q->type == LISTEN_SOCK)
                 accept_client(producer, dead);
-                break;
-            case CONSUMER_SOCK:
+            else
                 consumer_directive(producer, q, dead);
-                break;
-            default:
-                dispatch(producer, dead);
-                break;
-            }
             if (producer->restarted) {
                 producer->restarted = false;
                 break;
             }
         }
         dead.clear();
+        free_taken(producer);
         if (ending)
             break;
     }
 
-    while (dv_client* c = producer->clients.head)
+    for (;;) {
+        pthread_mutex_lock(&producer->direct_lock);
+        dv_client* c = producer->clients.head;
+        pthread_mutex_unlock(&producer->direct_lock);
+        if (!c)
+            break;
         drop_client(producer, c, dead);
+    }
     dead.clear();
+    free_taken(producer);
     // Hand-overs whose echo we will no longer read.
     for (size_t i = 0; i < h->service_size; i++) {
         if (h->worker[i].handed >= 0) {
@@ -565,9 +738,9 @@ void dv_producer_worker(dv_worker* producer)
         close(producer->pollfd);
         producer->pollfd = -1;
     }
-    pthread_mutex_unlock(&producer->direct_lock);
     delete producer->uids;
     producer->uids = nullptr;
+    pthread_mutex_unlock(&producer->direct_lock);
 }
 
 void* dv_producer_worker_thread(void* arg)
