@@ -4,7 +4,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 
 #include "daemon/runner.h"
@@ -29,43 +28,40 @@ void read_back(int fd, CapturedRun& run, size_t max_output)
     close(fd);
 }
 
-}  // namespace
-
-bool run_captured(const char* path, const char* const argv[], CapturedRun& run, size_t max_output, bool own_group)
+// A file in $TMPDIR whose name is gone before anyone could use it.
+int unnamed_tmp_file()
 {
     const char* dir = getenv("TMPDIR");
     if (!dir || !*dir)
         dir = "/tmp";
     std::string name = std::string(dir) + "/vexprod-capture.XXXXXX";
     int fd = mkostemp(name.data(), O_CLOEXEC);
-    if (fd < 0)
-        return false;
-
-    // The runner opens the file again by name (and truncates it); we read it
-    // back through the descriptor that created it.
-    run.exec_status = own_group ? dwe_vexprod_tarsk_exec_v_group(name.c_str(), path, argv)
-                                : dwe_vexprod_tarsk_exec_v(name.c_str(), nullptr, nullptr, path, argv);
-    read_back(fd, run, max_output);
-    run.remove_status = remove(name.c_str());
-    run.file = name;
-    return true;
+    if (fd >= 0)
+        unlink(name.c_str());
+    return fd;
 }
 
-bool run_captured_in_memory(const char* path, const char* const argv[], CapturedRun& run, size_t max_output,
-                            bool own_group)
+// The capture, kept above the standard streams as the runner wants.
+int capture_fd(CaptureIn where)
 {
-    // Kept above the standard streams, as the runner wants.
-    int fd = memfd_create("vexprod-capture", MFD_CLOEXEC);
+    int fd = where == CaptureIn::memory ? memfd_create("vexprod-capture", MFD_CLOEXEC) : unnamed_tmp_file();
     if (fd >= 0 && fd < 3) {
         int high = fcntl(fd, F_DUPFD_CLOEXEC, 3);
         close(fd);
         fd = high;
     }
+    return fd;
+}
+
+}  // namespace
+
+bool run_captured(const char* path, const char* const argv[], CapturedRun& run, size_t max_output, bool own_group,
+                  CaptureIn where)
+{
+    int fd = capture_fd(where);
     if (fd < 0)
         return false;
     run.exec_status = runner_exec_into(fd, path, argv, own_group);
     read_back(fd, run, max_output);
-    run.remove_status = 0;
-    run.file.clear();
     return true;
 }

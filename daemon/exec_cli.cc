@@ -42,7 +42,7 @@ int exec_cli(std::string request, std::string* output)
 
     CapturedRun run;
     // Whatever it is, it must not outlive the daemon's stop.
-    if (!run_captured_in_memory(argv[0], argv.data(), run, EXEC_CLI_OUTPUT_MAX, true)) {
+    if (!run_captured(argv[0], argv.data(), run, EXEC_CLI_OUTPUT_MAX, true, CaptureIn::memory)) {
         *output = "mkstemp fail.";
         return -1;
     }

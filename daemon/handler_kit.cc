@@ -1,5 +1,5 @@
 // The shared handler steps: request text, argument fetching, the input-error
-// and failure replies, reading a tool's output, and the app's registry values.
+// and failure replies, and the app's registry values.
 #include "daemon/handler_kit.h"
 
 #include <sys/stat.h>
@@ -134,31 +134,6 @@ void send_reply(dv_io* io, const Json::Value& reply)
     dv_reply_json(json_write(reply), io);
 }
 
-bool read_tool_output(const char* program, std::initializer_list<const char*> args, std::string& output, int* status)
-{
-    const char* slash = strrchr(program, '/');
-    std::vector<const char*> argv;
-    argv.reserve(args.size() + 2);
-    argv.push_back(slash ? slash + 1 : program);
-    argv.insert(argv.end(), args.begin(), args.end());
-    argv.push_back(nullptr);
-
-    const std::string path = platform_path(program);
-    FILE* pipe = dwe_vexprod_tarsk_popen_v_v2(nullptr, nullptr, nullptr, "r", path.c_str(), argv.data());
-    if (!pipe)
-        return false;
-    char chunk[1024];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof(chunk) - 1, pipe)) > 0) {
-        chunk[n] = '\0';
-        output.append(chunk, strnlen(chunk, n));
-    }
-    int rc = dwe_vexprod_tarsk_pclose(pipe);
-    if (status)
-        *status = rc;
-    return true;
-}
-
 bool read_app_value(const char* key, std::string& value)
 {
     std::string found;
@@ -173,6 +148,6 @@ bool app_control_script(std::string& path)
     std::string script;
     if (!read_app_value("Shell", script) || script[0] != '/')
         return false;
-    path = platform_path(script);
+    path = std::move(script);
     return true;
 }

@@ -72,20 +72,11 @@ void set_failure(Json::Value& reply, const char* text);
 // Serialises reply compactly and sends it with dv_reply_json.
 void send_reply(dv_io* io, const Json::Value& reply);
 
-// Runs a platform program (its path as on the appliance; the platform root
-// is put before it here) with argv[0] its base name followed by args, and
-// appends everything it prints on standard output to output, 1023 bytes at
-// a time (a chunk ends at a NUL byte it contains). False when no pipe could
-// be opened (errno says why); otherwise true with the wait status of the
-// program, as dwe_vexprod_tarsk_pclose reports it, in *status when given.
-bool read_tool_output(const char* program, std::initializer_list<const char*> args, std::string& output,
-                      int* status = nullptr);
-
 // One value of the server app's own section ("VexProServer") of the package
 // registry, such as "Install_Path" or "Shell". False when it is missing or empty.
 bool read_app_value(const char* key, std::string& value);
 
-// The app's control script ("Shell" in the registry), ready to run: an
-// absolute path with the platform root put before it. False when the app
-// has none, or a relative one that would depend on our working directory.
+// The app's control script ("Shell" in the registry), as on the appliance.
+// False when the app has none, or a relative one that would depend on our
+// working directory.
 bool app_control_script(std::string& path);

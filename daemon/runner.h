@@ -42,6 +42,10 @@ int dwe_vexprod_tarsk_exec_v_group(const char* stdout_file, const char* path, co
 // stdout_fd, which must be 3 or above and stays open; standard error is
 // /dev/null, no trace. -1 without starting anything for a lower number.
 int runner_exec_into(int stdout_fd, const char* path, const char* const argv[], bool own_group);
+// With standard input read from stdin_fd and standard output and error both
+// written to output_fd, each shared with the child as it stands (offset and
+// all); both 3 or above and left open, else -1 without starting anything.
+int runner_exec_through(int stdin_fd, int output_fd, const char* path, const char* const argv[]);
 // Kills (SIGKILL) every such group still running and starts no more, so that
 // no program a caller started can hold the daemon's stop up.
 void runner_kill_groups();

@@ -1,5 +1,4 @@
-// Lenient request reading, tool argument vectors, the captured run and the
-// output reply shared by the app-side commands.
+// Lenient request reading for the app-side commands.
 #include "daemon/tool_call.h"
 
 #include <algorithm>
@@ -106,62 +105,4 @@ const Json::Value& JsonFields::list(const char* key)
     if (!value.isNull() && error_.empty())
         error_ = (where_.empty() ? "" : where_ + ".") + key + " is not an array";
     return empty;
-}
-
-std::string masked(const std::string& arg)
-{
-    const size_t eq = arg.find('=');
-    if (eq == std::string::npos)
-        return arg;
-    std::string key = arg.substr(0, eq);
-    std::transform(key.begin(), key.end(), key.begin(), [](unsigned char c) { return std::tolower(c); });
-    for (const char* secret : {"token", "pw", "pass", "secret"})
-        if (key.find(secret) != std::string::npos)
-            return arg.substr(0, eq + 1) + "***";
-    return arg;
-}
-
-std::vector<std::string> tool_argv(std::string_view program, std::initializer_list<std::string> args)
-{
-    std::vector<std::string> argv;
-    argv.reserve(args.size() + 1);
-    size_t slash = program.rfind('/');
-    argv.emplace_back(slash == std::string_view::npos ? program : program.substr(slash + 1));
-    argv.insert(argv.end(), args.begin(), args.end());
-    return argv;
-}
-
-int run_tool(const std::string& program, const std::vector<std::string>& argv, CapturedRun& run, ArgvLog log,
-             const char* handler, int line)
-{
-    std::vector<const char*> ptrs;
-    ptrs.reserve(argv.size() + 1);
-    for (const std::string& arg : argv)
-        ptrs.push_back(arg.c_str());
-    ptrs.push_back(nullptr);
-
-    for (size_t i = 0; i < ptrs.size(); ++i) {
-        const std::string shown = ptrs[i] ? masked(ptrs[i]) : "(null)";
-        if (log == ArgvLog::elements_and_end)
-            dbg_printf2("[%s][%d] argv[%d] = [%s] ", handler, line, static_cast<int>(i), shown.c_str());
-        else if (ptrs[i])
-            dbg_printf2("[%s][%d] argv[%d] = [%s]", handler, line, static_cast<int>(i), shown.c_str());
-    }
-
-    run = CapturedRun();
-    const std::string path = platform_path(program);
-    if (!run_captured(path.c_str(), ptrs.data(), run))
-        return -1;
-    return run.exec_status;
-}
-
-void reply_tool_output(dv_io* io, const std::string& output, int cli_ret)
-{
-    std::string encoded;
-    base64_encode(output, encoded);
-    Json::Value reply;
-    reply["result_out"] = encoded;
-    reply["cli_ret"] = cli_ret;
-    reply["result"] = 0;
-    send_reply(io, reply);
 }

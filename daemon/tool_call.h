@@ -1,7 +1,5 @@
-// The steps of the app-side commands that hand a request to one platform
-// tool and reply with what it printed: reading a request whose missing keys
-// read as JSON defaults, the tool's argument vector, the captured run, and
-// the "result_out"/"cli_ret"/"result" reply.
+// Lenient request reading for the app-side commands: a request whose
+// missing keys read as JSON defaults.
 #pragma once
 
 #include <json/json.h>
@@ -11,7 +9,6 @@
 #include <string_view>
 #include <vector>
 
-#include "daemon/capture.h"
 #include "daemon/command_table.h"
 #include "dv.h"
 
@@ -74,26 +71,3 @@ private:
     std::string where_;
     std::string error_;
 };
-
-// The argument vector of program as it is run: its base name, then args.
-std::vector<std::string> tool_argv(std::string_view program, std::initializer_list<std::string> args);
-
-// How run_tool logs the vector: one "argv[%d] = [%s]" line per element, or,
-// as the reverse proxy always has, lines ending in a blank and one more for
-// the terminating null slot.
-// An argument as the debug log shows it: "KEY=value" with a KEY that names
-// a token, password or secret keeps only "KEY=***". The program still gets
-// the whole argument.
-std::string masked(const std::string& arg);
-
-enum class ArgvLog { elements, elements_and_end };
-
-// Logs argv under the handler's name, then runs program (a path as on the
-// appliance; the platform root is put in front here) with its standard
-// output captured (run_captured). The exec status: 0 when the program ran
-// and exited 0; -1 when no capture file could be made and nothing ran.
-int run_tool(const std::string& program, const std::vector<std::string>& argv, CapturedRun& run,
-             ArgvLog log = ArgvLog::elements, const char* handler = __builtin_FUNCTION(), int line = __builtin_LINE());
-
-// The success reply: "result_out" the base64 of output, "cli_ret", "result" 0.
-void reply_tool_output(dv_io* io, const std::string& output, int cli_ret);

@@ -1,6 +1,8 @@
 // Resolution of platform paths under VEXPROD_PLATFORM_ROOT.
 #include "platform/paths.h"
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 
 const char* platform_root()
@@ -22,4 +24,10 @@ std::string platform_path(const char* abs_path)
 std::string platform_path(const std::string& abs_path)
 {
     return platform_path(abs_path.c_str());
+}
+
+bool platform_has(const std::string& abs_path)
+{
+    struct stat st;
+    return stat(platform_path(abs_path).c_str(), &st) == 0;
 }

@@ -81,3 +81,7 @@ const char* platform_root();
 // the platform root followed by abs_path.
 std::string platform_path(const char* abs_path);
 std::string platform_path(const std::string& abs_path);
+
+// Whether abs_path names anything on the platform (stat succeeds; errno
+// says why not).
+bool platform_has(const std::string& abs_path);

@@ -15,6 +15,7 @@
 
 #include "daemon/handler_kit.h"
 #include "daemon/log.h"
+#include "daemon/program.h"
 #include "daemon/tool_call.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
@@ -34,8 +35,7 @@ int get_ssl_protocol(std::string* protocol)
 
 bool get_uca_file_exist()
 {
-    struct stat st;
-    return stat(platform_path(PATH_UCA_PEM).c_str(), &st) == 0;
+    return platform_has(PATH_UCA_PEM);
 }
 
 namespace {
@@ -282,33 +282,32 @@ void nox_reverse_proxy_handler(dv_io* io, int)
     else
         delete_rules(rules, __func__);
 
-    struct stat st;
-    const bool start = action == "add" && stat(platform_path(PATH_REVERSEPROXY_PID).c_str(), &st) != 0;
+    const bool start = action == "add" && !platform_has(PATH_REVERSEPROXY_PID);
 
     // Not running yet: the daemon manager starts it with the whole command
     // line as one quoted argument. Running: a graceful reload picks the
     // changed files up without dropping connections.
     std::string program;
-    std::vector<std::string> argv;
+    std::vector<std::string> args;
     if (start) {
         const std::string proxy_cmd =
             std::string("\"") + PATH_REVERSEPROXY + " -k start -f " + PATH_REVERSEPROXY_CONF + "\"";
         DBG("proxy_cmd = %s", proxy_cmd.c_str());
         program = PATH_DAEMON_MGR;
-        argv = tool_argv(program, {"reverseproxy_vexpro", "start", proxy_cmd});
+        args = {"reverseproxy_vexpro", "start", proxy_cmd};
     } else {
         program = PATH_REVERSEPROXY;
-        argv = tool_argv(program, {"-k", "graceful", "-f", PATH_REVERSEPROXY_CONF});
+        args = {"-k", "graceful", "-f", PATH_REVERSEPROXY_CONF};
     }
 
-    CapturedRun run;
-    int ret = run_tool(program, argv, run, ArgvLog::elements_and_end);
+    std::string output;
+    int ret = run_program(program, args, output, ArgvLog::elements_and_end);
     if (ret != 0) {
         DBG("exec %s failed, ret=[%d]", program.c_str(), ret);
         return;
     }
-    DBG("exec %s succ, ret_out=[%s]", program.c_str(), run.output.c_str());
-    // "cli_ret" is whether the capture file could be removed, not the
-    // program's status: a failing program never gets this far.
-    reply_tool_output(io, run.output, run.remove_status);
+    DBG("exec %s succ, ret_out=[%s]", program.c_str(), output.c_str());
+    // "cli_ret" has always said whether the capture file could be removed,
+    // not the program's status; the capture has no name to remove now.
+    reply_tool_output(io, output, 0);
 }

@@ -12,7 +12,7 @@
 
 #include "daemon/handler_kit.h"
 #include "daemon/log.h"
-#include "daemon/runner.h"
+#include "daemon/program.h"
 #include "daemon/strutil.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
@@ -114,9 +114,8 @@ void nox_update_ip_ban_list_handler(dv_io* io, int)
             // The web server first, then its TLS tunnel. Their
             // statuses are not ours to report: the list is written, and a
             // server that failed to reload picks it up when it next starts.
-            dwe_vexprod_tarsk_exec(nullptr, nullptr, nullptr, platform_path(PATH_APACHE_PROXY).c_str(), "-k",
-                                   "graceful", "-f", PATH_APACHE_SYS_PROXY_CONF, nullptr);
-            dwe_vexprod_tarsk_exec(nullptr, nullptr, nullptr, platform_path(PATH_STUNNEL).c_str(), "reload", nullptr);
+            run_program(PATH_APACHE_PROXY, {"-k", "graceful", "-f", PATH_APACHE_SYS_PROXY_CONF});
+            run_program(PATH_STUNNEL, {"reload"});
             reply["result"] = 0;
         }
     }

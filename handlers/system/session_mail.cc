@@ -25,7 +25,7 @@
 
 #include "daemon/handler_kit.h"
 #include "daemon/log.h"
-#include "daemon/runner.h"
+#include "daemon/program.h"
 #include "daemon/safe_files.h"
 #include "daemon/strutil.h"
 #include "handlers/handlers.h"
@@ -42,7 +42,7 @@ bool admctl_session_id(const std::string& user, const std::string& pwd, std::str
     snprintf(user_arg, sizeof(user_arg), "user=%s", user.c_str());
     snprintf(pw_arg, sizeof(pw_arg), "pw=%s", pwd.c_str());
     std::string output;
-    if (!read_tool_output(PATH_ADMCTL, {"-l", user_arg, pw_arg}, output))
+    if (run_program(PATH_ADMCTL, {"-l", user_arg, pw_arg}, output) == -1)
         return false;
     std::vector<std::string> lines = str_split_to_vector(output, "\n", true);
     if (lines.size() != 2)
@@ -253,11 +253,8 @@ int run_sendmail(const MailJob& job)
         unlinkat(job.log_dir.get(), base_name(PATH_SENDMAIL_LOG), 0);
         return -1;
     }
-    // The runner opens its files by name. These names reach exactly the files
-    // checked above, whatever happens to the spool entries meanwhile.
-    const std::string in = fd_path(job.input().get());
-    const std::string out = fd_path(job.log.get());
-    const std::string program = platform_path(PATH_SENDMAIL);
+    // The input and the log go to sendmail as the descriptors checked above,
+    // whatever happens to the spool entries meanwhile.
     // sendmail opens its configuration ("-C") itself, by its spool name. The
     // entry it reaches is the file checked above: the spool is nobody else's
     // to write into, or sticky, so no other user can replace the caller's
@@ -268,11 +265,10 @@ int run_sendmail(const MailJob& job)
         // Deliberately the same "-au" form as the user, not an option of
         // its own.
         snprintf(pwd_opt, sizeof(pwd_opt), "-au%s", job.pwd.c_str());
-        return dwe_vexprod_tarsk_exec_v2(in.c_str(), out.c_str(), out.c_str(), nullptr, program.c_str(), user_opt,
-                                         pwd_opt, "-C", job.conf_path.c_str(), "-t", nullptr);
+        return run_program_through(PATH_SENDMAIL, {user_opt, pwd_opt, "-C", job.conf_path, "-t"}, job.input().get(),
+                                   job.log.get());
     }
-    return dwe_vexprod_tarsk_exec_v2(in.c_str(), out.c_str(), out.c_str(), nullptr, program.c_str(), "-C",
-                                     job.conf_path.c_str(), "-t", nullptr);
+    return run_program_through(PATH_SENDMAIL, {"-C", job.conf_path, "-t"}, job.input().get(), job.log.get());
 }
 
 // Moves one spool file to target in the log directory, replacing the last

@@ -1,7 +1,6 @@
 // Liveness tests, exec_cli, and the small platform queries and app controls
 // that take no arguments: local-display status, generic model, display name,
 // disabling the app and renewing its share folders.
-#include <sys/stat.h>
 
 #include <cstdlib>
 #include <string>
@@ -11,7 +10,7 @@
 #include "daemon/handler_kit.h"
 #include "daemon/ini.h"
 #include "daemon/log.h"
-#include "daemon/runner.h"
+#include "daemon/program.h"
 #include "handlers/handlers.h"
 #include "platform/paths.h"
 
@@ -26,7 +25,7 @@ bool run_control_script(const char* action)
     std::string script;
     if (!app_control_script(script))
         return false;
-    return dwe_vexprod_tarsk_exec(nullptr, nullptr, nullptr, script.c_str(), action, nullptr) == 0;
+    return run_program(script, {action}) == 0;
 }
 
 }  // namespace
@@ -91,8 +90,7 @@ void nox_get_cfg_tvDeck_handler(dv_io* io, int)
 void nox_is_generic_model_handler(dv_io* io, int)
 {
     Json::Value reply;
-    struct stat st;
-    if (stat(platform_path(PATH_IS_GENERIC_MARKER).c_str(), &st) == 0) {
+    if (platform_has(PATH_IS_GENERIC_MARKER)) {
         DBG("is generic.");
         reply["result"] = 0;
         reply["is_generic"] = 1;

@@ -1,0 +1,115 @@
+#include "daemon/program.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "daemon/capture.h"
+#include "daemon/handler_kit.h"
+#include "daemon/log.h"
+#include "daemon/runner.h"
+#include "daemon/strutil.h"
+#include "platform/paths.h"
+
+namespace {
+
+// The vector as the runner takes it: pointers into argv, a null at the end.
+std::vector<const char*> pointers(const std::vector<std::string>& argv)
+{
+    std::vector<const char*> ptrs;
+    ptrs.reserve(argv.size() + 1);
+    for (const std::string& arg : argv)
+        ptrs.push_back(arg.c_str());
+    ptrs.push_back(nullptr);
+    return ptrs;
+}
+
+void log_argv(const std::vector<const char*>& ptrs, ArgvLog log, const char* handler, int line)
+{
+    for (size_t i = 0; log != ArgvLog::none && i < ptrs.size(); ++i) {
+        const std::string shown = ptrs[i] ? masked(ptrs[i]) : "(null)";
+        if (log == ArgvLog::elements_and_end)
+            dbg_printf2("[%s][%d] argv[%d] = [%s] ", handler, line, static_cast<int>(i), shown.c_str());
+        else if (ptrs[i])
+            dbg_printf2("[%s][%d] argv[%d] = [%s]", handler, line, static_cast<int>(i), shown.c_str());
+    }
+}
+
+}  // namespace
+
+std::vector<std::string> tool_argv(std::string_view program, const std::vector<std::string>& args)
+{
+    std::vector<std::string> argv;
+    argv.reserve(args.size() + 1);
+    size_t slash = program.rfind('/');
+    argv.emplace_back(slash == std::string_view::npos ? program : program.substr(slash + 1));
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+}
+
+std::string masked(const std::string& arg)
+{
+    const size_t eq = arg.find('=');
+    if (eq == std::string::npos)
+        return arg;
+    std::string key = arg.substr(0, eq);
+    std::transform(key.begin(), key.end(), key.begin(), [](unsigned char c) { return std::tolower(c); });
+    for (const char* secret : {"token", "pw", "pass", "secret"})
+        if (key.find(secret) != std::string::npos)
+            return arg.substr(0, eq + 1) + "***";
+    return arg;
+}
+
+int run_program(std::string_view program, const std::vector<std::string>& args, ArgvLog log, const char* handler,
+                int line)
+{
+    const std::vector<std::string> argv = tool_argv(program, args);
+    const std::vector<const char*> ptrs = pointers(argv);
+    log_argv(ptrs, log, handler, line);
+    const std::string path = platform_path(std::string(program));
+    return dwe_vexprod_tarsk_exec_v(nullptr, nullptr, nullptr, path.c_str(), ptrs.data());
+}
+
+int run_program(std::string_view program, const std::vector<std::string>& args, std::string& output, ArgvLog log,
+                const char* handler, int line)
+{
+    const std::vector<std::string> argv = tool_argv(program, args);
+    const std::vector<const char*> ptrs = pointers(argv);
+    log_argv(ptrs, log, handler, line);
+    const std::string path = platform_path(std::string(program));
+    CapturedRun run;
+    if (!run_captured(path.c_str(), ptrs.data(), run))
+        return -1;
+    output = std::move(run.output);
+    return run.exec_status;
+}
+
+int run_program_through(std::string_view program, const std::vector<std::string>& args, int in_fd, int out_fd)
+{
+    const std::vector<std::string> argv = tool_argv(program, args);
+    const std::vector<const char*> ptrs = pointers(argv);
+    if (lseek(in_fd, 0, SEEK_SET) < 0 || ftruncate(out_fd, 0) != 0 || lseek(out_fd, 0, SEEK_SET) < 0)
+        return -1;
+    const std::string path = platform_path(std::string(program));
+    return runner_exec_through(in_fd, out_fd, path.c_str(), ptrs.data());
+}
+
+void reply_status(Json::Value& reply, int status, const char* failure)
+{
+    if (status == 0)
+        reply["result"] = 0;
+    else
+        set_failure(reply, failure);
+}
+
+void reply_tool_output(dv_io* io, const std::string& output, int cli_ret)
+{
+    std::string encoded;
+    base64_encode(output, encoded);
+    Json::Value reply;
+    reply["result_out"] = encoded;
+    reply["cli_ret"] = cli_ret;
+    reply["result"] = 0;
+    send_reply(io, reply);
+}

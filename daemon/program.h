@@ -1,0 +1,50 @@
+// The one way a handler runs a platform program: its path as on the
+// appliance and its arguments. argv[0] is the program's base name, the
+// platform root goes in front of the path here, the vector is logged here
+// (when the handler's log has always shown it), and the result is the raw
+// wait status: 0 when the program ran and exited 0. The runner family
+// (daemon/runner.h) is the layer below; handlers never call it themselves.
+#pragma once
+
+#include <json/json.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "dv.h"
+
+// How the vector is logged under the handler's name: not at all, one
+// "argv[%d] = [%s]" line per element, or, as the reverse proxy always has,
+// lines ending in a blank and one more for the terminating null slot.
+enum class ArgvLog { none, elements, elements_and_end };
+
+// Output and error to /dev/null.
+int run_program(std::string_view program, const std::vector<std::string>& args, ArgvLog log = ArgvLog::none,
+                const char* handler = __builtin_FUNCTION(), int line = __builtin_LINE());
+
+// Standard output captured into output (a file in $TMPDIR that has no name
+// by the time the program starts), error to /dev/null. -1 with nothing run
+// when no capture can be made.
+int run_program(std::string_view program, const std::vector<std::string>& args, std::string& output,
+                ArgvLog log = ArgvLog::none, const char* handler = __builtin_FUNCTION(), int line = __builtin_LINE());
+
+// Standard input read from in_fd, standard output and error written to
+// out_fd, which is emptied first; both from their start. Neither is reopened
+// by a name, so the program gets exactly the files the caller checked.
+int run_program_through(std::string_view program, const std::vector<std::string>& args, int in_fd, int out_fd);
+
+// "result" 0 for status 0, otherwise failure as "error_msg" with "result" -1.
+void reply_status(Json::Value& reply, int status, const char* failure);
+
+// The success reply of the commands that hand back what a tool printed:
+// "result_out" its base64, "cli_ret", "result" 0.
+void reply_tool_output(dv_io* io, const std::string& output, int cli_ret);
+
+// The argument vector of program as it is run: its base name, then args.
+std::vector<std::string> tool_argv(std::string_view program, const std::vector<std::string>& args);
+
+// An argument as the debug log shows it: "KEY=value" with a KEY that names
+// a token, password or secret keeps only "KEY=***". The program still gets
+// the whole argument.
+std::string masked(const std::string& arg);
