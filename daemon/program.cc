@@ -6,10 +6,8 @@
 #include <cctype>
 
 #include "daemon/capture.h"
-#include "daemon/handler_kit.h"
 #include "daemon/log.h"
 #include "daemon/runner.h"
-#include "daemon/strutil.h"
 #include "platform/paths.h"
 
 namespace {
@@ -93,23 +91,4 @@ int run_program_through(std::string_view program, const std::vector<std::string>
         return -1;
     const std::string path = platform_path(std::string(program));
     return runner_exec_through(in_fd, out_fd, path.c_str(), ptrs.data());
-}
-
-void reply_status(Json::Value& reply, int status, const char* failure)
-{
-    if (status == 0)
-        reply["result"] = 0;
-    else
-        set_failure(reply, failure);
-}
-
-void reply_tool_output(dv_io* io, const std::string& output, int cli_ret)
-{
-    std::string encoded;
-    base64_encode(output, encoded);
-    Json::Value reply;
-    reply["result_out"] = encoded;
-    reply["cli_ret"] = cli_ret;
-    reply["result"] = 0;
-    send_reply(io, reply);
 }

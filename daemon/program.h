@@ -6,13 +6,10 @@
 // (daemon/runner.h) is the layer below; handlers never call it themselves.
 #pragma once
 
-#include <json/json.h>
-
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "dv.h"
 
 // How the vector is logged under the handler's name: not at all, one
 // "argv[%d] = [%s]" line per element, or, as the reverse proxy always has,
@@ -33,13 +30,6 @@ int run_program(std::string_view program, const std::vector<std::string>& args, 
 // out_fd, which is emptied first; both from their start. Neither is reopened
 // by a name, so the program gets exactly the files the caller checked.
 int run_program_through(std::string_view program, const std::vector<std::string>& args, int in_fd, int out_fd);
-
-// "result" 0 for status 0, otherwise failure as "error_msg" with "result" -1.
-void reply_status(Json::Value& reply, int status, const char* failure);
-
-// The success reply of the commands that hand back what a tool printed:
-// "result_out" its base64, "cli_ret", "result" 0.
-void reply_tool_output(dv_io* io, const std::string& output, int cli_ret);
 
 // The argument vector of program as it is run: its base name, then args.
 std::vector<std::string> tool_argv(std::string_view program, const std::vector<std::string>& args);

@@ -8,9 +8,6 @@
 
 #include "daemon/exec_policy.h"
 #include "daemon/handler_kit.h"
-#include "daemon/log.h"
-#include "daemon/program.h"
-#include "daemon/tool_call.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"

@@ -8,12 +8,7 @@
 #include <string>
 
 #include "daemon/handler_kit.h"
-#include "daemon/ini.h"
 #include "daemon/json.h"
-#include "daemon/log.h"
-#include "daemon/program.h"
-#include "daemon/reply.h"
-#include "daemon/strutil.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "daemon/handler_kit.h"
-#include "daemon/program.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"

@@ -7,9 +7,6 @@
 #include <vector>
 
 #include "daemon/handler_kit.h"
-#include "daemon/log.h"
-#include "daemon/program.h"
-#include "daemon/strutil.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"

@@ -5,7 +5,6 @@
 #include <string>
 
 #include "daemon/handler_kit.h"
-#include "daemon/program.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"

@@ -8,9 +8,6 @@
 #include "daemon/exec_cli.h"
 #include "daemon/exec_policy.h"
 #include "daemon/handler_kit.h"
-#include "daemon/ini.h"
-#include "daemon/log.h"
-#include "daemon/program.h"
 #include "handlers/handlers.h"
 #include "platform/paths.h"
 
@@ -60,16 +57,19 @@ void nox_exec_cli_handler(dv_io* io, int)
     reply["service"] = "VexProServer-vexprod";
     // Root may run anything. Anyone else gets no shell or interpreter, and
     // nothing that someone other than root could have swapped in.
-    std::string program, why;
-    if (dv_io_uid(io) != 0 && exec_cli_program(request, program) && !exec_program_allowed(program, why)) {
+    ExecCommand command;
+    std::string output, why;
+    int code = exec_cli_parse(request, command, &output);
+    if (code == 0 && dv_io_uid(io) != 0 && !exec_program_allowed(command.argv[0], why)) {
+        const std::string& program = command.argv[0];
         DBG("refused for pid %d uid %d: %s (%s)", dv_io_pid(io), dv_io_uid(io), program.c_str(), why.c_str());
         reply["error_code"] = EXEC_CLI_NOT_ALLOWED;
         reply["error_msg"] = "program not allowed: " + program;
         send_reply(io, reply);
         return;
     }
-    std::string output;
-    int code = exec_cli(request, &output);
+    if (code == 0)
+        code = exec_cli(command, &output);
     reply["error_code"] = code;
     reply[code == 0 ? "result" : "error_msg"] = output;
     send_reply(io, reply);

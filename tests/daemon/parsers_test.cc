@@ -10,7 +10,7 @@
 
 #include "daemon/ini.h"
 #include "daemon/json.h"
-#include "daemon/reply.h"
+#include "daemon/request.h"
 #include "daemon/strutil.h"
 #include "platform/paths.h"
 #include "support/death.h"
