@@ -321,11 +321,6 @@ int dwe_vexprod_tarsk_exec_v(const char* stdout_file, const char* stderr_file,
     return run_and_wait(false, nullptr, stdout_file, stderr_file, log_file, path, argv);
 }
 
-int dwe_vexprod_tarsk_exec_v_group(const char* stdout_file, const char* path, const char* const argv[])
-{
-    return run_and_wait(false, nullptr, stdout_file, nullptr, nullptr, path, argv, true);
-}
-
 int runner_exec_into(int stdout_fd, const char* path, const char* const argv[], bool own_group)
 {
     return run_and_wait(false, nullptr, nullptr, nullptr, nullptr, path, argv, own_group, stdout_fd);
