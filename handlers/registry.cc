@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "handlers/handlers.h"
+#include "handlers/services.h"
 
 using enum ArgReading;
 

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "daemon/dispatch.h"
+#include "handlers/services.h"
 #include "dv.h"
 #include "support/config.h"
 #include "support/process.h"
