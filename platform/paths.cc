@@ -1,7 +1,9 @@
 // Resolution of platform paths under VEXPROD_PLATFORM_ROOT.
 #include "platform/paths.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 
@@ -30,4 +32,14 @@ bool platform_has(const std::string& abs_path)
 {
     struct stat st;
     return stat(platform_path(abs_path).c_str(), &st) == 0;
+}
+
+int platform_open(const std::string& abs_path, int flags, mode_t mode)
+{
+    return open(platform_path(abs_path).c_str(), flags, mode);
+}
+
+int platform_unlink(const std::string& abs_path)
+{
+    return unlink(platform_path(abs_path).c_str());
 }

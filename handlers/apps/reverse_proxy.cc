@@ -128,7 +128,7 @@ bool rule_is_plain(const ProxyRule& rule, std::string& why)
 
 std::string rule_file(const std::string& guid)
 {
-    return platform_path(std::string(PATH_REVERSEPROXY_EXTRA_DIR) + guid + ".conf");
+    return std::string(PATH_REVERSEPROXY_EXTRA_DIR) + guid + ".conf";
 }
 
 std::string virtual_host_text(const ProxyRule& rule, const TlsSettings& tls)
@@ -168,8 +168,8 @@ std::string virtual_host_text(const ProxyRule& rule, const TlsSettings& tls)
 // out without a word, as the proxy has always treated it.
 void write_rule_file(const std::string& path, const std::string& text)
 {
-    unlink(path.c_str());
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    platform_unlink(path);
+    int fd = platform_open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (fd < 0)
         return;
     size_t done = 0;
@@ -185,7 +185,7 @@ void write_rule_file(const std::string& path, const std::string& text)
     // Half a virtual host would stop the proxy from loading at all.
     if (done < text.size()) {
         DBG("write %s failed, errno=%d", path.c_str(), errno);
-        unlink(path.c_str());
+        platform_unlink(path);
     }
 }
 
@@ -242,7 +242,7 @@ void delete_rules(const Json::Value& rules, const char* handler)
             continue;
         }
         // A rule that has no file any more is already gone.
-        unlink(rule_file(guid).c_str());
+        platform_unlink(rule_file(guid));
     }
 }
 

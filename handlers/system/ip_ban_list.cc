@@ -2,6 +2,8 @@
 // one Apache fragment of deny rules, and the proxy web server and its TLS
 // tunnel are told to reload it.
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -75,10 +77,14 @@ std::mutex ban_list_lock;
 // not all reach it; what was written stays.
 bool write_ban_list(const std::string& text)
 {
-    const std::string path = platform_path(PATH_IP_BAN_LIST);
     std::lock_guard<std::mutex> one_writer(ban_list_lock);
-    FILE* file = fopen(path.c_str(), "we");
+    const int fd = platform_open(PATH_IP_BAN_LIST, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    FILE* file = fd >= 0 ? fdopen(fd, "w") : nullptr;
     if (!file) {
+        const int err = errno;
+        if (fd >= 0)
+            close(fd);
+        errno = err;
         DBG("cannot open %s: %s.", PATH_IP_BAN_LIST, strerror(errno));
         return false;
     }
