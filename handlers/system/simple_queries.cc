@@ -16,13 +16,12 @@ namespace {
 // exec_cli's own codes are 0, -1 and -2; a refused program has its own.
 constexpr int EXEC_CLI_NOT_ALLOWED = -3;
 
-// The app's control script with one action; true when it ran and exited 0.
-bool run_control_script(const char* action)
+// The app's control script with one action: its wait status, -1 when the
+// app has none.
+int run_control_script(const char* action)
 {
     std::string script;
-    if (!app_control_script(script))
-        return false;
-    return run_program(script, {action}) == 0;
+    return app_control_script(script) ? run_program(script, {action}) : -1;
 }
 
 }  // namespace
@@ -119,20 +118,14 @@ void nox_get_platform_display_name_handler(dv_io* io, int)
 void nox_system_call_vexpro_disable_handler(dv_io* io, int)
 {
     Json::Value reply;
-    if (run_control_script("force_stop"))
-        reply["result"] = 0;
-    else
-        // The doubled "system" is the text callers match on.
-        set_failure(reply, "nox_system_system_call_vexpro_disable_handler fail");
+    // The doubled "system" is the text callers match on.
+    reply_status(reply, run_control_script("force_stop"), "nox_system_system_call_vexpro_disable_handler fail");
     send_reply(io, reply);
 }
 
 void nox_system_call_share_folder_renew_handler(dv_io* io, int)
 {
     Json::Value reply;
-    if (run_control_script("share_folder_renew"))
-        reply["result"] = 0;
-    else
-        set_failure(reply, "nox_system_call_share_folder_renew_handler fail");
+    reply_status(reply, run_control_script("share_folder_renew"), "nox_system_call_share_folder_renew_handler fail");
     send_reply(io, reply);
 }
