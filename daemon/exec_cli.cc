@@ -2,7 +2,7 @@
 // the program's output is captured in a private memory file and returned.
 #include "daemon/exec_cli.h"
 
-#include "daemon/capture.h"
+#include "daemon/program.h"
 #include "daemon/json.h"
 
 #include <new>

@@ -6,6 +6,8 @@
 // (daemon/runner.h) is the layer below; handlers never call it themselves.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -38,3 +40,25 @@ std::vector<std::string> tool_argv(std::string_view program, const std::vector<s
 // a token, password or secret keeps only "KEY=***". The program still gets
 // the whole argument.
 std::string masked(const std::string& arg);
+
+// The layer below run_program's captured form, which exec_cli uses too:
+// the program's standard output goes into a capture of ours, a descriptor
+// whose file has no name that anybody could open, swap or leave behind.
+struct CapturedRun {
+    int exec_status = -1;  // the runner's result: the raw wait status, or -1
+    std::string output;    // what the program wrote on standard output
+};
+
+// Where the captured output is kept: a file in $TMPDIR (or /tmp) that has no
+// name by the time the program starts, so that a caller is told of a
+// failure when none can be made there, as the tool handlers always have; or
+// a memory file, nothing on disk at all.
+enum class CaptureIn { tmpdir, memory };
+
+// Runs path with argv (argv[0] as the caller wants it), standard output into
+// a fresh capture, standard error to /dev/null; reads at most max_output
+// bytes of it back. own_group: the child leads a process group of its own,
+// killed whole when the daemon stops. False when no capture could be made;
+// nothing ran then.
+bool run_captured(const char* path, const char* const argv[], CapturedRun& run, size_t max_output = SIZE_MAX,
+                  bool own_group = false, CaptureIn where = CaptureIn::tmpdir);

@@ -34,7 +34,7 @@
 #include "daemon/usage.h"
 #include "dv.h"
 #include "handlers/handlers.h"
-#include "handlers/services.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
 
 namespace {

@@ -6,7 +6,7 @@
 
 #include "daemon/command_reference.h"
 #include "daemon/dispatch.h"
-#include "handlers/services.h"
+#include "handlers/registry.h"
 
 int main(int argc, char** argv)
 {

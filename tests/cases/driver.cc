@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "daemon/command_table.h"
-#include "handlers/services.h"
+#include "handlers/registry.h"
 #include "daemon/json.h"
 #include "dv.h"
 #include "platform/paths.h"
