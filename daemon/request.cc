@@ -9,6 +9,7 @@
 
 #include "daemon/json.h"
 #include "daemon/log.h"
+#include "daemon/reply.h"
 
 bool read_request_text(dv_io* io, std::string& text)
 {
@@ -122,26 +123,22 @@ void reject_request(Json::Value& reply, const std::string& why, const char* hand
     set_input_error(reply);
 }
 
-bool parse_request_object(dv_io* io, Json::Value& root, Json::Value& reply, const char* handler, int line)
+bool parse_request_object(dv_io* io, Json::Value& root, const char* handler, int line)
 {
-    std::string text;
-    if (!read_request_text(io, text)) {
-        reject_request(reply, "no request text", handler, line);
-        return false;
-    }
+    std::string text, why = "no request text";
     Json::Value parsed;
-    std::string why;
-    if (!json_parse(text, parsed, &why)) {
-        reject_request(reply, why, handler, line);
-        return false;
+    if (read_request_text(io, text) && json_parse(text, parsed, &why)) {
+        if (parsed.isObject() || parsed.isNull()) {
+            root = std::move(parsed);
+            return true;
+        }
+        // Members of anything else cannot be looked up at all.
+        why = "the request is not a JSON object";
     }
-    // Members of anything else cannot be looked up at all.
-    if (!parsed.isObject() && !parsed.isNull()) {
-        reject_request(reply, "the request is not a JSON object", handler, line);
-        return false;
-    }
-    root = std::move(parsed);
-    return true;
+    Json::Value reply;
+    reject_request(reply, why, handler, line);
+    send_reply(io, reply);
+    return false;
 }
 
 JsonFields::JsonFields(const Json::Value& object, std::string where) : object_(object), where_(std::move(where))

@@ -73,9 +73,9 @@ void reject_request(Json::Value& reply, const std::string& why, const char* hand
 
 // Reads and parses the request text into root: a JSON object, or null for
 // the text "null", which reads as an object without members. Otherwise
-// (no text, not JSON, JSON of another kind) reply holds the input error,
-// logged with the parser's message, and the result is false.
-bool parse_request_object(dv_io* io, Json::Value& root, Json::Value& reply, const char* handler = __builtin_FUNCTION(),
+// (no text, not JSON, JSON of another kind) the input error, logged with the
+// parser's message, has been sent as the reply, and the result is false.
+bool parse_request_object(dv_io* io, Json::Value& root, const char* handler = __builtin_FUNCTION(),
                           int line = __builtin_LINE());
 
 // Reads members of one JSON object as these commands always have: a missing

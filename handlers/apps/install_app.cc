@@ -30,10 +30,8 @@ void allow_foreign_install()
 void nox_install_app_handler(dv_io* io, int)
 {
     Json::Value root, reply;
-    if (!parse_request_object(io, root, reply)) {
-        send_reply(io, reply);
+    if (!parse_request_object(io, root))
         return;
-    }
     JsonFields request(root, keys::install_app);
     const std::string folder = request.next_text();
     const std::string package = request.next_text();

@@ -251,10 +251,8 @@ void delete_rules(const Json::Value& rules, const char* handler)
 void nox_reverse_proxy_handler(dv_io* io, int)
 {
     Json::Value root, reply;
-    if (!parse_request_object(io, root, reply)) {
-        send_reply(io, reply);
+    if (!parse_request_object(io, root))
         return;
-    }
     JsonFields request(root, keys::reverse_proxy);
     const std::string action = request.next_text();
     if (!request.ok()) {

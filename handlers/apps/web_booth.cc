@@ -11,10 +11,8 @@
 void nox_web_booth_handler(dv_io* io, int)
 {
     Json::Value root, reply;
-    if (!parse_request_object(io, root, reply)) {
-        send_reply(io, reply);
+    if (!parse_request_object(io, root))
         return;
-    }
     JsonFields request(root, keys::web_booth);
     const std::string action = request.next_text();
     const std::string token = "token=" + request.next_text();
