@@ -69,6 +69,22 @@ std::vector<const char*> pointers(const std::vector<std::string>& argv)
     return ptrs;
 }
 
+// An argument as the debug log shows it: "KEY=value" with a KEY that names
+// a token, password or secret keeps only "KEY=***". The program still gets
+// the whole argument.
+std::string masked(const std::string& arg)
+{
+    const size_t eq = arg.find('=');
+    if (eq == std::string::npos)
+        return arg;
+    std::string key = arg.substr(0, eq);
+    std::transform(key.begin(), key.end(), key.begin(), [](unsigned char c) { return std::tolower(c); });
+    for (const char* secret : {"token", "pw", "pass", "secret"})
+        if (key.find(secret) != std::string::npos)
+            return arg.substr(0, eq + 1) + "***";
+    return arg;
+}
+
 void log_argv(const std::vector<const char*>& ptrs, ArgvLog log, const char* handler, int line)
 {
     for (size_t i = 0; log != ArgvLog::none && i < ptrs.size(); ++i) {
@@ -90,19 +106,6 @@ std::vector<std::string> tool_argv(std::string_view program, const std::vector<s
     argv.emplace_back(slash == std::string_view::npos ? program : program.substr(slash + 1));
     argv.insert(argv.end(), args.begin(), args.end());
     return argv;
-}
-
-std::string masked(const std::string& arg)
-{
-    const size_t eq = arg.find('=');
-    if (eq == std::string::npos)
-        return arg;
-    std::string key = arg.substr(0, eq);
-    std::transform(key.begin(), key.end(), key.begin(), [](unsigned char c) { return std::tolower(c); });
-    for (const char* secret : {"token", "pw", "pass", "secret"})
-        if (key.find(secret) != std::string::npos)
-            return arg.substr(0, eq + 1) + "***";
-    return arg;
 }
 
 int run_program(std::string_view program, const std::vector<std::string>& args, ArgvLog log, const char* handler,

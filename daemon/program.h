@@ -12,7 +12,6 @@
 #include <string_view>
 #include <vector>
 
-
 // How the vector is logged under the handler's name: not at all, one
 // "argv[%d] = [%s]" line per element, or, as the reverse proxy always has,
 // lines ending in a blank and one more for the terminating null slot.
@@ -35,11 +34,6 @@ int run_program_through(std::string_view program, const std::vector<std::string>
 
 // The argument vector of program as it is run: its base name, then args.
 std::vector<std::string> tool_argv(std::string_view program, const std::vector<std::string>& args);
-
-// An argument as the debug log shows it: "KEY=value" with a KEY that names
-// a token, password or secret keeps only "KEY=***". The program still gets
-// the whole argument.
-std::string masked(const std::string& arg);
 
 // The layer below run_program's captured form, which exec_cli uses too:
 // the program's standard output goes into a capture of ours, a descriptor
