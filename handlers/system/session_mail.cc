@@ -10,15 +10,12 @@
 // allowed to stop all mail. What stays open to a race is noted where it
 // happens.
 #include <fcntl.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <optional>
 #include <string>
 #include <vector>
