@@ -29,7 +29,7 @@ test: build
 
 demo: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS) --target dwe-dv-vexprod dv-call vexprod_sim >/dev/null
-	@platform/sim/demo $(BUILD_DIR)
+	@sim/demo $(BUILD_DIR)
 
 # docs/commands.md anew from the command tables.
 docs: configure

@@ -48,15 +48,6 @@ struct T_COMMAND_ENTRY {
     const char* note = "";         // what a caller would not guess
 };
 
-// "VexProServer-vexprod": searched in this order, first match wins. The row
-// order is part of the contract with existing callers; keep it.
-extern const T_COMMAND_ENTRY handler[];
-extern const size_t handler_size;
-
-// "VexProServer_send_mail-vexprod": "test" and "sendmail", in that order.
-extern const T_COMMAND_ENTRY sendmail_handler[];
-extern const size_t sendmail_handler_size;
-
 // The table as JSON text for dv_set_description: the service's name and,
 // per command in table order, "name", "summary", "reading", "args" (a list
 // of {"key", "type"}), "items" when it has any, "reply", "failures", "note".

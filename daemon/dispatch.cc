@@ -149,9 +149,6 @@ void dispatch_command(const T_COMMAND_ENTRY* table, size_t size, const char* nam
         dv_io_free(io);
 }
 
-namespace {
-
-// The caller's grant for the command, then the command, then one audit line.
 void serve_granted(const char* service, const T_COMMAND_ENTRY* table, size_t size, const char* name, dv_io* io,
                    int fd)
 {
@@ -172,16 +169,4 @@ void serve_granted(const char* service, const T_COMMAND_ENTRY* table, size_t siz
         dv_io_free(io);
     }
     audit_request(audit);
-}
-
-}  // namespace
-
-void service_handler(const char* name, dv_io* io, int fd)
-{
-    serve_granted(DV_SERVICE_NAME, handler, handler_size, name, io, fd);
-}
-
-void sendmail_service_handler(const char* name, dv_io* io, int fd)
-{
-    serve_granted(DV_SEND_MAIL_SERVICE_NAME, sendmail_handler, sendmail_handler_size, name, io, fd);
 }

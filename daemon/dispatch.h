@@ -19,12 +19,11 @@ struct T_THREAD_ARGS {
 inline constexpr const char DV_SERVICE_NAME[] = "VexProServer-vexprod";
 inline constexpr const char DV_SEND_MAIL_SERVICE_NAME[] = "VexProServer_send_mail-vexprod";
 
-// The callers' grants are checked and each request is audited (see
-// caller_policy.h, audit.h) before and after dispatch_command.
-// "VexProServer-vexprod", over the table `handler`.
-void service_handler(const char* name, dv_io* io, int fd);
-// "VexProServer_send_mail-vexprod", over the table `sendmail_handler`.
-void sendmail_service_handler(const char* name, dv_io* io, int fd);
+// A service's exec callback over its table: the caller's grant for the
+// command (caller_policy.h), then dispatch_command, then one audit line
+// (audit.h). Takes ownership of io and of fd.
+void serve_granted(const char* service, const T_COMMAND_ENTRY* table, size_t size, const char* name, dv_io* io,
+                   int fd);
 
 // Thread entry: runs the record's handler, then ends the thread.
 void* pthread_callback_function(void* arg);

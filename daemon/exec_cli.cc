@@ -2,37 +2,41 @@
 // the program's output is captured in a private memory file and returned.
 #include "daemon/exec_cli.h"
 
-#include "daemon/capture.h"
+#include "daemon/program.h"
 #include "daemon/json.h"
 
 #include <new>
-#include <vector>
 
-int exec_cli(std::string request, std::string* output)
+int exec_cli_parse(const std::string& request, ExecCommand& command, std::string* output)
 {
-    std::string discarded;
-    if (!output)
-        output = &discarded;
-
     Json::Value root;
     bool usable = json_parse(request, root) && root.isObject();
     const Json::Value none;
-    const Json::Value& command = usable ? root["command"] : none;
-    usable = usable && command.isArray() && !command.empty();
-    for (Json::ArrayIndex i = 0; usable && i < command.size(); ++i)
-        usable = command[i].isString();
+    const Json::Value& given = usable ? static_cast<const Json::Value&>(root)["command"] : none;
+    usable = usable && given.isArray() && !given.empty();
+    for (Json::ArrayIndex i = 0; usable && i < given.size(); ++i)
+        usable = given[i].isString();
     if (!usable) {
         *output = "Read command fail.";
         return -1;
     }
+    try {
+        command.argv.clear();
+        command.argv.reserve(given.size());
+        for (const Json::Value& arg : given)
+            command.argv.push_back(arg.asString().substr(0, EXEC_CLI_ARG_MAX));
+    } catch (const std::bad_alloc&) {
+        *output = "malloc fail.";
+        return -2;
+    }
+    return 0;
+}
 
-    std::vector<std::string> args;
+int exec_cli(const ExecCommand& command, std::string* output)
+{
     std::vector<const char*> argv;
     try {
-        args.reserve(command.size());
-        for (const Json::Value& arg : command)
-            args.push_back(arg.asString().substr(0, EXEC_CLI_ARG_MAX));
-        for (const std::string& arg : args)
+        for (const std::string& arg : command.argv)
             argv.push_back(arg.c_str());
         argv.push_back(nullptr);
     } catch (const std::bad_alloc&) {
@@ -42,7 +46,7 @@ int exec_cli(std::string request, std::string* output)
 
     CapturedRun run;
     // Whatever it is, it must not outlive the daemon's stop.
-    if (!run_captured_in_memory(argv[0], argv.data(), run, EXEC_CLI_OUTPUT_MAX, true)) {
+    if (!run_captured(argv[0], argv.data(), run, EXEC_CLI_OUTPUT_MAX, true, CaptureIn::memory)) {
         *output = "mkstemp fail.";
         return -1;
     }

@@ -18,8 +18,6 @@
 #include <deque>
 #include <vector>
 
-#include "daemon/exec_cli.h"
-#include "daemon/json.h"
 #include "daemon/safe_files.h"
 #include "dv.h"
 #include "platform/paths.h"
@@ -217,22 +215,6 @@ bool runs_other_code(const char* path, std::string& why)
 }
 
 }  // namespace
-
-bool exec_cli_program(const std::string& request, std::string& program)
-{
-    Json::Value root;
-    if (!json_parse(request, root) || !root.isObject())
-        return false;
-    const Json::Value& command = static_cast<const Json::Value&>(root)["command"];
-    if (!command.isArray() || command.empty())
-        return false;
-    for (const Json::Value& arg : command) {
-        if (!arg.isString())
-            return false;
-    }
-    program = command[0].asString().substr(0, EXEC_CLI_ARG_MAX);
-    return true;
-}
 
 bool exec_program_allowed(const std::string& program, std::string& why)
 {

@@ -5,11 +5,6 @@
 
 #include <string>
 
-// exec_cli's program as exec_cli itself takes it from the request: the first
-// element of "command", cut to EXEC_CLI_ARG_MAX. False when the request has
-// none (exec_cli then refuses it on its own).
-bool exec_cli_program(const std::string& request, std::string& program);
-
 // Whether a caller that is not root may have program run. Refused, with why
 // set, when the path as given or the file it reaches through symbolic links
 // matches the blocked-program list (shells, busybox, php, python) or our

@@ -1,5 +1,5 @@
-// The request envelope every handler shares: reading one typed argument out
-// of the request's JSON object, and sending the finished reply text back.
+// Sending the reply: the finished JSON object serialised and written back
+// into the request's message object, and the reply shapes handlers share.
 #pragma once
 
 #include <json/json.h>
@@ -12,16 +12,16 @@
 // client that has already hung up gets nothing, silently.
 void dv_reply_json(std::string reply, dv_io* io);
 
-// Copies member key of root into out, by type:
-//   "string" -> std::string, "int" -> int32_t, "long" -> int64_t,
-//   "bool"   -> int32_t 1 or 0 (a JSON true/false only, never the text "true").
-// Sets *error when the member is missing or null (silently), of another type
-// (one "Type fail" log line naming the member's real type), or when type is
-// none of the above. *error is never cleared, so one flag can gather the
-// failures of several calls; out is left alone on every failure.
-void parser_param_from_json_str(Json::Value root, const char* key, void* out, const char* type, bool* error);
+// The usual failure: "error_msg" text (normally the handler's name followed
+// by " fail") and "result" -1.
+void set_failure(Json::Value& reply, const char* text);
 
-// Names the JSON type of member key: "string", "int", "long" (an integer
-// beyond 32 bits), "bool", "double" or "Others" (null, array, object, or no
-// such member).
-void get_json_type(Json::Value root, const char* key, std::string* type_name);
+// Serialises reply compactly and sends it with dv_reply_json.
+void send_reply(dv_io* io, const Json::Value& reply);
+
+// "result" 0 for status 0, otherwise failure as "error_msg" with "result" -1.
+void reply_status(Json::Value& reply, int status, const char* failure);
+
+// The success reply of the commands that hand back what a tool printed:
+// "result_out" its base64, "cli_ret", "result" 0.
+void reply_tool_output(dv_io* io, const std::string& output, int cli_ret);

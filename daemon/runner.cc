@@ -218,9 +218,10 @@ bool collect_args(const char* path, va_list ap, std::vector<const char*>& argv)
 // forms taking an input file write.
 int run_and_wait(bool trace_stdin, const char* stdin_file, const char* stdout_file,
                  const char* stderr_file, const char* log_file, const char* path,
-                 const char* const argv[], bool own_group = false, int stdout_fd = -1)
+                 const char* const argv[], bool own_group = false, int stdout_fd = -1, int stdin_fd = -1,
+                 bool stderr_to_stdout = false)
 {
-    if (!path || !argv || (stdout_fd >= 0 && stdout_fd < 3))
+    if (!path || !argv || (stdout_fd >= 0 && stdout_fd < 3) || (stdin_fd >= 0 && stdin_fd < 3))
         return -1;
 
     FILE* trace = log_file ? fopen(log_file, "a+e") : nullptr;
@@ -249,7 +250,9 @@ int run_and_wait(bool trace_stdin, const char* stdin_file, const char* stdout_fi
     }
 
     ScopedFd err;
-    if (same_file_name(stdout_file, stderr_file)) {
+    if (stderr_to_stdout && stdout_fd >= 0) {
+        err.reset(fcntl(stdout_fd, F_DUPFD_CLOEXEC, 3));
+    } else if (same_file_name(stdout_file, stderr_file)) {
         err.reset(fcntl(out.get(), F_DUPFD_CLOEXEC, 3));
         if (trace && err.ok())
             fprintf(trace, "pipe stdout and stderr to the same file %s\n", stderr_file);
@@ -276,17 +279,18 @@ int run_and_wait(bool trace_stdin, const char* stdin_file, const char* stdout_fi
         fclose(trace);
 
     const int child_out = stdout_fd >= 0 ? stdout_fd : out.get();
+    const int child_in = stdin_fd >= 0 ? stdin_fd : in.get();
     pid_t pid = 0;
     spawn_result started = spawn_result::no_process;
     if (own_group) {
         std::lock_guard<std::mutex> lock(groups_mutex);
         if (groups_stopped)
             return -1;
-        started = spawn(path, argv, in.get(), child_out, err.get(), &pid, true);
+        started = spawn(path, argv, child_in, child_out, err.get(), &pid, true);
         if (started == spawn_result::started)
             groups.push_back(pid);
     } else {
-        started = spawn(path, argv, in.get(), child_out, err.get(), &pid);
+        started = spawn(path, argv, child_in, child_out, err.get(), &pid);
     }
     in.reset();
     out.reset();
@@ -317,14 +321,16 @@ int dwe_vexprod_tarsk_exec_v(const char* stdout_file, const char* stderr_file,
     return run_and_wait(false, nullptr, stdout_file, stderr_file, log_file, path, argv);
 }
 
-int dwe_vexprod_tarsk_exec_v_group(const char* stdout_file, const char* path, const char* const argv[])
-{
-    return run_and_wait(false, nullptr, stdout_file, nullptr, nullptr, path, argv, true);
-}
-
 int runner_exec_into(int stdout_fd, const char* path, const char* const argv[], bool own_group)
 {
     return run_and_wait(false, nullptr, nullptr, nullptr, nullptr, path, argv, own_group, stdout_fd);
+}
+
+int runner_exec_through(int stdin_fd, int output_fd, const char* path, const char* const argv[])
+{
+    if (stdin_fd < 3)
+        return -1;
+    return run_and_wait(false, nullptr, nullptr, nullptr, nullptr, path, argv, false, output_fd, stdin_fd, true);
 }
 
 void runner_kill_groups()

@@ -33,15 +33,16 @@ int dwe_vexprod_tarsk_exec_v_v2(const char* stdin_file, const char* stdout_file,
                                 const char* stderr_file, const char* log_file,
                                 const char* path, const char* const argv[]);
 
-// As dwe_vexprod_tarsk_exec_v with no standard error and no trace, for a
-// program a caller chose: the child leads a process group of its own, which
-// runner_kill_groups() kills whole when the daemon stops. -1 without
-// starting anything once that has happened.
-int dwe_vexprod_tarsk_exec_v_group(const char* stdout_file, const char* path, const char* const argv[]);
-// As dwe_vexprod_tarsk_exec_v (own_group: _group) with standard output into
-// stdout_fd, which must be 3 or above and stays open; standard error is
-// /dev/null, no trace. -1 without starting anything for a lower number.
+// As dwe_vexprod_tarsk_exec_v with standard output into stdout_fd, which
+// must be 3 or above and stays open; standard error is /dev/null, no trace.
+// -1 without starting anything for a lower number. own_group: the child
+// leads a process group of its own, which runner_kill_groups() kills whole
+// when the daemon stops; -1 without starting anything once that has happened.
 int runner_exec_into(int stdout_fd, const char* path, const char* const argv[], bool own_group);
+// With standard input read from stdin_fd and standard output and error both
+// written to output_fd, each shared with the child as it stands (offset and
+// all); both 3 or above and left open, else -1 without starting anything.
+int runner_exec_through(int stdin_fd, int output_fd, const char* path, const char* const argv[]);
 // Kills (SIGKILL) every such group still running and starts no more, so that
 // no program a caller started can hold the daemon's stop up.
 void runner_kill_groups();

@@ -151,10 +151,6 @@ int open_regular_file(int dir, const char* name, std::string& why)
     return -1;
 }
 
-std::string fd_path(int fd)
-{
-    return "/proc/self/fd/" + std::to_string(fd);
-}
 
 bool entry_is_file(int dir, const char* name, int fd)
 {

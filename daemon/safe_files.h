@@ -39,9 +39,6 @@ int open_own_file(int dir, const char* name, int flags, mode_t mode, std::string
 // with why for anything else.
 int open_regular_file(int dir, const char* name, std::string& why);
 
-// A name that reaches exactly the file open on fd ("/proc/self/fd/N"), for
-// code that can only open files by name.
-std::string fd_path(int fd);
 
 // Whether entry name of dir is still the file open on fd.
 bool entry_is_file(int dir, const char* name, int fd);

@@ -34,15 +34,6 @@ unsigned char base64_value(unsigned char c)
     return c == '+' ? 62 : 63;
 }
 
-// text[begin, end) or "" when the range does not lie inside text.
-std::string slice(const std::string& text, size_t begin, size_t end)
-{
-    if (begin == std::string::npos || end == std::string::npos || begin > end ||
-        end > text.size())
-        return std::string();
-    return text.substr(begin, end - begin);
-}
-
 }  // namespace
 
 void trim_char(std::string& s, const char* set)
@@ -139,34 +130,4 @@ int base64_decode(const std::string& in, std::string& out)
             out += static_cast<char>(v >> 8 & 0xff);
     }
     return static_cast<int>(out.size());
-}
-
-void parser_VPD_SN_from_str(std::string text, std::string* serial, std::string* system_id)
-{
-    // The tool prints "enc_sys_id = <id>," and "SN = <serial>\n".
-    constexpr size_t kSysIdSkip = 13;
-    constexpr size_t kSerialSkip = 5;
-
-    size_t id_at = text.find("enc_sys_id");
-    size_t comma = id_at == std::string::npos ? id_at : text.find(',', id_at);
-    std::string id =
-        id_at == std::string::npos ? std::string() : slice(text, id_at + kSysIdSkip, comma);
-
-    size_t sn_at = text.find("SN");
-    std::string sn = sn_at == std::string::npos || text.empty()
-                         ? std::string()
-                         : slice(text, sn_at + kSerialSkip, text.size() - 1);
-
-    if (serial)
-        *serial = sn;
-    if (system_id)
-        *system_id = id;
-}
-
-void parser_VPD_ext_area_from_str(const char* text, std::string* value)
-{
-    if (!value)
-        return;
-    *value = text ? text : "";
-    trim_char(*value, " \n");
 }

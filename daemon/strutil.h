@@ -1,5 +1,5 @@
 // Small string helpers shared by the handlers: stripping characters,
-// splitting, Base64, and cutting values out of the VPD tools' output.
+// splitting, Base64.
 #pragma once
 
 #include <string>
@@ -22,10 +22,3 @@ std::vector<std::string> str_split_to_vector(std::string s, const char* delimite
 // first "=" or character outside the alphabet.
 int base64_encode(const std::string& in, std::string& out);
 int base64_decode(const std::string& in, std::string& out);
-
-// From the VPD dump: the system id after "enc_sys_id = " up to the next ","
-// and the serial after "SN = " up to the last character (the newline). A
-// value whose marker is missing is stored empty. Null outputs are skipped.
-void parser_VPD_SN_from_str(std::string text, std::string* serial, std::string* system_id);
-// The ext-area text without any blank or newline.
-void parser_VPD_ext_area_from_str(const char* text, std::string* value);

@@ -1,5 +1,4 @@
-// The wire: fixed-size directives and single-descriptor messages, plus the
-// abort line and descriptor helpers shared by the whole library.
+// The wire: fixed-size directives and single-descriptor messages.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -14,41 +13,6 @@
 #include "internal.h"
 
 static_assert(sizeof(dv_directive) == DV_DIRECTIVE_SIZE, "the directive is 259 bytes on the wire");
-
-void dv_abort(const char* fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    vfprintf(stderr, fmt, ap);
-    va_end(ap);
-    fflush(stderr);
-    abort();
-}
-
-bool set_fd_cloexec(int fd)
-{
-    int flags = fcntl(fd, F_GETFL);
-    if (flags == -1)
-        return false;
-    return fcntl(fd, F_SETFL, flags | 1) != -1;
-}
-
-void close_fds()
-{
-    DIR* dir = opendir("/proc/self/fd");
-    if (!dir)
-        return;
-    int own = dirfd(dir);
-    while (struct dirent* entry = readdir(dir)) {
-        char* end = nullptr;
-        long fd = strtol(entry->d_name, &end, 10);
-        if (end == entry->d_name || *end != '\0')
-            continue;
-        if (fd > 3 && fd != own)
-            close(static_cast<int>(fd));
-    }
-    closedir(dir);
-}
 
 bool dv_send_directive(int sockfd, const dv_directive* directive)
 {

@@ -1,10 +1,8 @@
-// Process-wide signal services: per-signal handlers behind one dispatcher, a
-// crash handler that leaves a numbered backtrace in the kernel log, and the
-// blocked-program expression compiled at load time.
+// Process-wide signal services: per-signal handlers behind one dispatcher and
+// a crash handler that leaves a numbered backtrace in the kernel log.
 #include <errno.h>
 #include <execinfo.h>
 #include <fcntl.h>
-#include <regex.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -16,8 +14,6 @@
 namespace {
 
 dv_signal_fn signal_handler[MAX_SIGNAL_SIZE];
-regex_t re;
-bool re_ready = false;
 
 void dv_signal_handler(int signum, siginfo_t* info, void* context)
 {
@@ -91,32 +87,6 @@ DV_API void dv_backtrace(void)
         sa.sa_flags = SA_SIGINFO | SA_RESETHAND;
         sa.sa_sigaction = dv_signal_handler;
         sigaction(signum, &sa, nullptr);
-    }
-}
-
-__attribute__((constructor)) DV_API int dv_init(void)
-{
-    if (re_ready)
-        return 0;
-    if (regcomp(&re, BLOCKED_PROGRAM_LIST, REG_EXTENDED) != 0)
-        dv_abort("[ABORT] @%s() cannot compile blocked program list: `%s'\n", "dv_init",
-                 "regcomp(&re, BLOCKED_PROGRAM_LIST, REG_EXTENDED) == 0");
-    re_ready = true;
-    return 0;
-}
-
-DV_API int dv_blocked_program(const char* path)
-{
-    if (!path || !re_ready)
-        return 0;
-    return regexec(&re, path, 0, nullptr, 0) == 0 ? 1 : 0;
-}
-
-__attribute__((destructor)) DV_API void dv_fini(void)
-{
-    if (re_ready) {
-        regfree(&re);
-        re_ready = false;
     }
 }
 

@@ -5,6 +5,7 @@
 
 #include <iterator>
 
+#include "daemon/dispatch.h"
 #include "handlers/handlers.h"
 
 using enum ArgReading;
@@ -240,3 +241,13 @@ const T_COMMAND_ENTRY sendmail_handler[] = {
      .note = "A failing mailer is not mapped to -1: exit status 1 reads 256. \"user\" and \"pwd\" may be empty."},
 };
 const size_t sendmail_handler_size = std::size(sendmail_handler);
+
+void service_handler(const char* name, dv_io* io, int fd)
+{
+    serve_granted(DV_SERVICE_NAME, handler, handler_size, name, io, fd);
+}
+
+void sendmail_service_handler(const char* name, dv_io* io, int fd)
+{
+    serve_granted(DV_SEND_MAIL_SERVICE_NAME, sendmail_handler, sendmail_handler_size, name, io, fd);
+}

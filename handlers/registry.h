@@ -1,10 +1,14 @@
-// The request keys of every command that reads any, in the order it reads
-// them, each named after its command. The rows of the command tables
+// The command tables of both services and their callbacks, and the request
+// keys of every command that reads any, in the order it reads them, each
+// named after its command. The rows of the command tables
 // (registry.cc) and the handlers share these, so a key is written once:
 // a handler asks for keys::<command> and never spells a key itself.
 #pragma once
 
+#include <cstddef>
+
 #include "daemon/command_table.h"
+#include "dv.h"
 
 namespace keys {
 
@@ -49,3 +53,20 @@ inline constexpr T_REQUEST_KEY sendmail[] = {
     {"user", "string"}, {"pwd", "string"}, {"config_file", "string"}, {"content_file", "string"}};
 
 }  // namespace keys
+
+// The two services' command tables and their exec callbacks, which the
+// program hands to dv_create.
+
+// "VexProServer-vexprod": searched in this order, first match wins. The row
+// order is part of the contract with existing callers; keep it.
+extern const T_COMMAND_ENTRY handler[];
+extern const size_t handler_size;
+
+// "VexProServer_send_mail-vexprod": "test" and "sendmail", in that order.
+extern const T_COMMAND_ENTRY sendmail_handler[];
+extern const size_t sendmail_handler_size;
+
+// "VexProServer-vexprod", over the table `handler`.
+void service_handler(const char* name, dv_io* io, int fd);
+// "VexProServer_send_mail-vexprod", over the table `sendmail_handler`.
+void sendmail_service_handler(const char* name, dv_io* io, int fd);

@@ -1,6 +1,10 @@
 // Resolution of platform paths under VEXPROD_PLATFORM_ROOT.
 #include "platform/paths.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdlib>
 
 const char* platform_root()
@@ -22,4 +26,20 @@ std::string platform_path(const char* abs_path)
 std::string platform_path(const std::string& abs_path)
 {
     return platform_path(abs_path.c_str());
+}
+
+bool platform_has(const std::string& abs_path)
+{
+    struct stat st;
+    return stat(platform_path(abs_path).c_str(), &st) == 0;
+}
+
+int platform_open(const std::string& abs_path, int flags, mode_t mode)
+{
+    return open(platform_path(abs_path).c_str(), flags, mode);
+}
+
+int platform_unlink(const std::string& abs_path)
+{
+    return unlink(platform_path(abs_path).c_str());
 }

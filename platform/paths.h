@@ -7,6 +7,8 @@
 // Paths handed to platform programs as arguments are never rewritten.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 // Programs.
@@ -81,3 +83,10 @@ const char* platform_root();
 // the platform root followed by abs_path.
 std::string platform_path(const char* abs_path);
 std::string platform_path(const std::string& abs_path);
+
+// Whether abs_path names anything on the platform (stat succeeds; errno
+// says why not).
+bool platform_has(const std::string& abs_path);
+// open(2) and unlink(2) of abs_path on the platform.
+int platform_open(const std::string& abs_path, int flags, mode_t mode = 0);
+int platform_unlink(const std::string& abs_path);

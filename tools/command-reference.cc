@@ -6,6 +6,7 @@
 
 #include "daemon/command_reference.h"
 #include "daemon/dispatch.h"
+#include "handlers/registry.h"
 
 int main(int argc, char** argv)
 {

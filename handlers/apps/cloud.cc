@@ -4,21 +4,17 @@
 #include <string>
 #include <vector>
 
-#include "daemon/capture.h"
 #include "daemon/handler_kit.h"
-#include "daemon/log.h"
-#include "daemon/tool_call.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"
 
-// One access-token request: what the app sent, and the argument vector made
-// of it.
+// One access-token request: what the app sent, and the arguments made of it.
 struct T_DOVEL_VEXPROD_CLOUD_OAUTH {
     std::string client_id;
     std::string client_secret;
     std::string access_token;
-    std::vector<std::string> args;  // argv[0] first
+    std::vector<std::string> args;  // after argv[0]
 };
 
 // One tool's answer on its way back to the app.
@@ -31,20 +27,14 @@ struct T_DOVEL_VEXPROD_CLOUD_OAUTH_RESPONSE {
 
 namespace {
 
-// Runs a cloud tool (its path as on the appliance) with its output captured.
-// True when it ran and exited 0; run.output then holds what it printed.
-bool run_cloud_tool(const char* program, const std::vector<std::string>& args, CapturedRun& run)
+// Runs a cloud tool with its output captured. True when it ran and exited
+// 0; output then holds what it printed.
+bool run_cloud_tool(const char* program, const std::vector<std::string>& args, std::string& output)
 {
-    std::vector<const char*> argv;
-    for (const std::string& arg : args)
-        argv.push_back(arg.c_str());
-    argv.push_back(nullptr);
-    const std::string path = platform_path(program);
-    if (!run_captured(path.c_str(), argv.data(), run)) {
+    const int status = run_program(program, args, output);
+    if (status == -1)
         DBG("no temporary file for %s.", program);
-        return false;
-    }
-    return run.exec_status == 0;
+    return status == 0;
 }
 
 // The tail of every query but the device list: the output goes back base64
@@ -52,18 +42,13 @@ bool run_cloud_tool(const char* program, const std::vector<std::string>& args, C
 void reply_encoded_output(dv_io* io, const char* handler, const char* program, const std::vector<std::string>& args)
 {
     T_DOVEL_VEXPROD_CLOUD_OAUTH_RESPONSE response{handler, program, "", ""};
-    CapturedRun run;
-    if (!run_cloud_tool(program, args, run)) {
+    if (!run_cloud_tool(program, args, response.output)) {
         response.error_msg = response.handler + " fail";
         Json::Value reply;
         set_failure(reply, response.error_msg.c_str());
         send_reply(io, reply);
         return;
     }
-    // The answer is good even when its file lingers.
-    if (run.remove_status != 0)
-        dbg_printf2("[%s][%d] remove tmpfile:[%s] fail.", handler, __LINE__, run.file.c_str());
-    response.output = std::move(run.output);
     reply_tool_output(io, response.output, 0);
 }
 
@@ -72,12 +57,10 @@ void reply_encoded_output(dv_io* io, const char* handler, const char* program, c
 void nox_system_call_cloud_get_device_list_handler(dv_io* io, int)
 {
     Json::Value reply;
-    CapturedRun run;
-    // The list is JSON already and goes back as the tool printed it; a
-    // temporary file that will not go away costs nothing worth logging here.
-    if (run_cloud_tool(PATH_NIMBO_DEVICE_TOOL,
-                       tool_argv(PATH_NIMBO_DEVICE_TOOL, {"get_device_list", "-d", "PALAVER_IOS"}), run)) {
-        reply["device_list"] = run.output;
+    std::string output;
+    // The list is JSON already and goes back as the tool printed it.
+    if (run_cloud_tool(PATH_NIMBO_DEVICE_TOOL, {"get_device_list", "-d", "PALAVER_IOS"}, output)) {
+        reply["device_list"] = output;
         reply["result"] = 0;
     } else {
         set_failure(reply, "nox_system_call_cloud_get_device_list_handler fail");
@@ -87,17 +70,17 @@ void nox_system_call_cloud_get_device_list_handler(dv_io* io, int)
 
 void nox_system_call_cloud_get_user_token_handler(dv_io* io, int)
 {
-    reply_encoded_output(io, __func__, PATH_NIMBO_CLI, tool_argv(PATH_NIMBO_CLI, {"-t"}));
+    reply_encoded_output(io, __func__, PATH_NIMBO_CLI, {"-t"});
 }
 
 void nox_system_call_cloud_get_host_endpoint_handler(dv_io* io, int)
 {
-    reply_encoded_output(io, __func__, PATH_GET_NIMBO_HOST, tool_argv(PATH_GET_NIMBO_HOST, {"-n", "k5_api"}));
+    reply_encoded_output(io, __func__, PATH_GET_NIMBO_HOST, {"-n", "k5_api"});
 }
 
 void nox_system_call_cloud_get_host_site_handler(dv_io* io, int)
 {
-    reply_encoded_output(io, __func__, PATH_GET_NIMBO_HOST, tool_argv(PATH_GET_NIMBO_HOST, {"-s"}));
+    reply_encoded_output(io, __func__, PATH_GET_NIMBO_HOST, {"-s"});
 }
 
 void nox_system_call_cloud_get_access_token_handler(dv_io* io, int)
@@ -110,7 +93,7 @@ void nox_system_call_cloud_get_access_token_handler(dv_io* io, int)
         return;
     }
     // Each value is one argument, whatever it holds: no shell sees them.
-    oauth.args = tool_argv(PATH_NIMBO_AUTH_TOOL, {"signin", "-t", "exchange_token", "-a", oauth.access_token, "-i",
-                                                  oauth.client_id, "-s", oauth.client_secret, "-o", "json"});
+    oauth.args = {"signin", "-t", "exchange_token", "-a", oauth.access_token, "-i",
+                  oauth.client_id, "-s", oauth.client_secret, "-o", "json"};
     reply_encoded_output(io, __func__, PATH_NIMBO_AUTH_TOOL, oauth.args);
 }

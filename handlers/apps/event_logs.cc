@@ -5,9 +5,6 @@
 #include <vector>
 
 #include "daemon/handler_kit.h"
-#include "daemon/log.h"
-#include "daemon/runner.h"
-#include "daemon/tool_call.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"
@@ -24,33 +21,17 @@ struct T_CONN_LOG_TOOL {
     std::string computer_name;
 };
 
-namespace {
-
-// Runs a log tool (its path as on the appliance) with args, argv[0] first,
-// its output discarded: the raw wait status, 0 when it succeeded.
-int run_log_tool(const char* program, const std::vector<std::string>& args)
-{
-    std::vector<const char*> argv;
-    for (const std::string& arg : args)
-        argv.push_back(arg.c_str());
-    argv.push_back(nullptr);
-    const std::string path = platform_path(program);
-    return dwe_vexprod_tarsk_exec_v(nullptr, nullptr, nullptr, path.c_str(), argv.data());
-}
-
-}  // namespace
-
 void nox_system_call_log_tool_handler(dv_io* io, int)
 {
     Json::Value reply;
     int32_t log_type = 0;
     std::string log_mseg;
     if (fetch_request_args(io, reply, keys::system_call_log_tool, {&log_type, &log_mseg})) {
-        const std::vector<std::string> args =
-            tool_argv(PATH_LOG_TOOL, {"-t", std::to_string(log_type), "-a", log_mseg});
-        for (size_t i = 0; i < args.size(); i++)
-            DBG("argv:%d , index:%s .", static_cast<int>(i), args[i].c_str());
-        if (run_log_tool(PATH_LOG_TOOL, args) == 0) {
+        const std::vector<std::string> args = {"-t", std::to_string(log_type), "-a", log_mseg};
+        const std::vector<std::string> argv = tool_argv(PATH_LOG_TOOL, args);
+        for (size_t i = 0; i < argv.size(); i++)
+            DBG("argv:%d , index:%s .", static_cast<int>(i), argv[i].c_str());
+        if (run_program(PATH_LOG_TOOL, args) == 0) {
             reply["result"] = 0;
         } else {
             // Callers of the system log look for "error_code", not "result".
@@ -70,18 +51,17 @@ void nox_system_conn_log_tool_handler(dv_io* io, int)
                             &entry.user_name, &entry.ip, &entry.computer_name})) {
         // An empty value is still its own argument, so the options keep
         // their places.
-        const std::vector<std::string> args = tool_argv(PATH_CONN_LOG_TOOL,
-                                                        {"-t", std::to_string(entry.log_type),
-                                                         "-i", std::to_string(entry.service_type),
-                                                         "-n", std::to_string(entry.action_type),
-                                                         "-a", entry.log_mseg,
-                                                         "-u", entry.user_name,
-                                                         "-p", entry.ip,
-                                                         "-m", entry.computer_name});
+        const std::vector<std::string> args = {"-t", std::to_string(entry.log_type),
+                                               "-i", std::to_string(entry.service_type),
+                                               "-n", std::to_string(entry.action_type),
+                                               "-a", entry.log_mseg,
+                                               "-u", entry.user_name,
+                                               "-p", entry.ip,
+                                               "-m", entry.computer_name};
         DBG("LogType:%d , ServiceType:%d, ActionType:%d, LogMsg:%s, UserName:%s, IP:%s, ComputerName:%s .",
             entry.log_type, entry.service_type, entry.action_type, entry.log_mseg.c_str(), entry.user_name.c_str(),
             entry.ip.c_str(), entry.computer_name.c_str());
-        if (run_log_tool(PATH_CONN_LOG_TOOL, args) == 0) {
+        if (run_program(PATH_CONN_LOG_TOOL, args) == 0) {
             reply["result"] = 0;
         } else {
             DBG("fail .");

@@ -8,8 +8,6 @@
 
 #include "daemon/exec_policy.h"
 #include "daemon/handler_kit.h"
-#include "daemon/log.h"
-#include "daemon/tool_call.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"
@@ -32,10 +30,8 @@ void allow_foreign_install()
 void nox_install_app_handler(dv_io* io, int)
 {
     Json::Value root, reply;
-    if (!parse_request_object(io, root, reply)) {
-        send_reply(io, reply);
+    if (!parse_request_object(io, root))
         return;
-    }
     JsonFields request(root, keys::install_app);
     const std::string folder = request.next_text();
     const std::string package = request.next_text();
@@ -67,13 +63,13 @@ void nox_install_app_handler(dv_io* io, int)
         return;
     }
 
-    CapturedRun run;
-    int ret = run_tool(script, tool_argv(script, {"install", package}), run);
+    std::string output;
+    int ret = run_program(script, {"install", package}, output, ArgvLog::elements);
     if (ret != 0) {
         // The caller learns of it by the connection closing without a reply.
-        DBG("exec %s failed, ret_out=[%s]", script, run.output.c_str());
+        DBG("exec %s failed, ret_out=[%s]", script, output.c_str());
         return;
     }
-    DBG("exec %s succ, ret_out=[%s]", script, run.output.c_str());
-    reply_tool_output(io, run.output, 0);
+    DBG("exec %s succ, ret_out=[%s]", script, output.c_str());
+    reply_tool_output(io, output, 0);
 }

@@ -2,18 +2,13 @@
 // NAS): one command line passed to its own command-line tool, answered with
 // the tool's output and whether the app is installed and enabled.
 #include <strings.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <string>
 
 #include "daemon/handler_kit.h"
-#include "daemon/ini.h"
 #include "daemon/json.h"
-#include "daemon/log.h"
-#include "daemon/reply.h"
-#include "daemon/strutil.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"
@@ -44,8 +39,7 @@ bool viewer_tool_exists(const std::string& tool)
         errno = ENOENT;
         return false;
     }
-    struct stat st;
-    return stat(platform_path(tool).c_str(), &st) == 0;
+    return platform_has(tool);
 }
 
 // The request's "cmd"; false when the text is not JSON or holds no string "cmd".
@@ -96,7 +90,8 @@ void nox_cmv_cli_handler(dv_io* io, int)
         } else {
             is_installed = 1;
             // The command line is one argument: the tool, not a shell, splits it.
-            if (!read_tool_output(tool.c_str(), {cmd.c_str()}, output, &cli_ret)) {
+            cli_ret = run_program(tool, {cmd}, output);
+            if (cli_ret == -1) {
                 char message[512];
                 snprintf(message, sizeof(message), "popen failed, path=[%s], errno=[%d].", tool.c_str(), errno);
                 reply["error_msg"] = message;

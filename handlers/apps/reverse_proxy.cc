@@ -14,8 +14,6 @@
 #include <string>
 
 #include "daemon/handler_kit.h"
-#include "daemon/log.h"
-#include "daemon/tool_call.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"
@@ -34,8 +32,7 @@ int get_ssl_protocol(std::string* protocol)
 
 bool get_uca_file_exist()
 {
-    struct stat st;
-    return stat(platform_path(PATH_UCA_PEM).c_str(), &st) == 0;
+    return platform_has(PATH_UCA_PEM);
 }
 
 namespace {
@@ -131,7 +128,7 @@ bool rule_is_plain(const ProxyRule& rule, std::string& why)
 
 std::string rule_file(const std::string& guid)
 {
-    return platform_path(std::string(PATH_REVERSEPROXY_EXTRA_DIR) + guid + ".conf");
+    return std::string(PATH_REVERSEPROXY_EXTRA_DIR) + guid + ".conf";
 }
 
 std::string virtual_host_text(const ProxyRule& rule, const TlsSettings& tls)
@@ -171,8 +168,8 @@ std::string virtual_host_text(const ProxyRule& rule, const TlsSettings& tls)
 // out without a word, as the proxy has always treated it.
 void write_rule_file(const std::string& path, const std::string& text)
 {
-    unlink(path.c_str());
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    platform_unlink(path);
+    int fd = platform_open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (fd < 0)
         return;
     size_t done = 0;
@@ -188,7 +185,7 @@ void write_rule_file(const std::string& path, const std::string& text)
     // Half a virtual host would stop the proxy from loading at all.
     if (done < text.size()) {
         DBG("write %s failed, errno=%d", path.c_str(), errno);
-        unlink(path.c_str());
+        platform_unlink(path);
     }
 }
 
@@ -245,7 +242,7 @@ void delete_rules(const Json::Value& rules, const char* handler)
             continue;
         }
         // A rule that has no file any more is already gone.
-        unlink(rule_file(guid).c_str());
+        platform_unlink(rule_file(guid));
     }
 }
 
@@ -254,10 +251,8 @@ void delete_rules(const Json::Value& rules, const char* handler)
 void nox_reverse_proxy_handler(dv_io* io, int)
 {
     Json::Value root, reply;
-    if (!parse_request_object(io, root, reply)) {
-        send_reply(io, reply);
+    if (!parse_request_object(io, root))
         return;
-    }
     JsonFields request(root, keys::reverse_proxy);
     const std::string action = request.next_text();
     if (!request.ok()) {
@@ -282,33 +277,32 @@ void nox_reverse_proxy_handler(dv_io* io, int)
     else
         delete_rules(rules, __func__);
 
-    struct stat st;
-    const bool start = action == "add" && stat(platform_path(PATH_REVERSEPROXY_PID).c_str(), &st) != 0;
+    const bool start = action == "add" && !platform_has(PATH_REVERSEPROXY_PID);
 
     // Not running yet: the daemon manager starts it with the whole command
     // line as one quoted argument. Running: a graceful reload picks the
     // changed files up without dropping connections.
     std::string program;
-    std::vector<std::string> argv;
+    std::vector<std::string> args;
     if (start) {
         const std::string proxy_cmd =
             std::string("\"") + PATH_REVERSEPROXY + " -k start -f " + PATH_REVERSEPROXY_CONF + "\"";
         DBG("proxy_cmd = %s", proxy_cmd.c_str());
         program = PATH_DAEMON_MGR;
-        argv = tool_argv(program, {"reverseproxy_vexpro", "start", proxy_cmd});
+        args = {"reverseproxy_vexpro", "start", proxy_cmd};
     } else {
         program = PATH_REVERSEPROXY;
-        argv = tool_argv(program, {"-k", "graceful", "-f", PATH_REVERSEPROXY_CONF});
+        args = {"-k", "graceful", "-f", PATH_REVERSEPROXY_CONF};
     }
 
-    CapturedRun run;
-    int ret = run_tool(program, argv, run, ArgvLog::elements_and_end);
+    std::string output;
+    int ret = run_program(program, args, output, ArgvLog::elements_and_end);
     if (ret != 0) {
         DBG("exec %s failed, ret=[%d]", program.c_str(), ret);
         return;
     }
-    DBG("exec %s succ, ret_out=[%s]", program.c_str(), run.output.c_str());
-    // "cli_ret" is whether the capture file could be removed, not the
-    // program's status: a failing program never gets this far.
-    reply_tool_output(io, run.output, run.remove_status);
+    DBG("exec %s succ, ret_out=[%s]", program.c_str(), output.c_str());
+    // "cli_ret" has always said whether the capture file could be removed,
+    // not the program's status; the capture has no name to remove now.
+    reply_tool_output(io, output, 0);
 }

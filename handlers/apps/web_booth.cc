@@ -4,8 +4,6 @@
 #include <vector>
 
 #include "daemon/handler_kit.h"
-#include "daemon/log.h"
-#include "daemon/tool_call.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"
@@ -13,10 +11,8 @@
 void nox_web_booth_handler(dv_io* io, int)
 {
     Json::Value root, reply;
-    if (!parse_request_object(io, root, reply)) {
-        send_reply(io, reply);
+    if (!parse_request_object(io, root))
         return;
-    }
     JsonFields request(root, keys::web_booth);
     const std::string action = request.next_text();
     const std::string token = "token=" + request.next_text();
@@ -48,28 +44,27 @@ void nox_web_booth_handler(dv_io* io, int)
         return;
     }
 
-    std::vector<std::string> argv;
+    std::vector<std::string> args;
     if (action == "add") {
-        argv = tool_argv(PATH_VESH,
-                         {"web-booth.container.create", token, open_url, "ttl=300", "resolution=1920x1080", type});
+        args = {"web-booth.container.create", token, open_url, "ttl=300", "resolution=1920x1080", type};
     } else if (action == "delete") {
-        argv = tool_argv(PATH_VESH, {"web-booth.container.delete", token, id});
+        args = {"web-booth.container.delete", token, id};
     } else if (action == "get_status") {
-        argv = tool_argv(PATH_VESH, {"web-booth.container", token, id});
+        args = {"web-booth.container", token, id};
     } else {
         // The caller learns of it by the connection closing without a reply.
         DBG("unknown action = %s", action.c_str());
         return;
     }
 
-    CapturedRun run;
-    int ret = run_tool(PATH_VESH, argv, run);
+    std::string output;
+    int ret = run_program(PATH_VESH, args, output, ArgvLog::elements);
     if (ret != 0) {
         DBG("exec %s failed, ret=[%d]", PATH_VESH, ret);
         return;
     }
-    DBG("exec %s succ, ret_out=[%s]", PATH_VESH, run.output.c_str());
+    DBG("exec %s succ, ret_out=[%s]", PATH_VESH, output.c_str());
     // What the container shell prints (the container's id and status) is
     // the caller's to read.
-    reply_tool_output(io, run.output, 0);
+    reply_tool_output(io, output, 0);
 }

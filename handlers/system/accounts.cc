@@ -8,7 +8,6 @@
 #include <string>
 
 #include "daemon/handler_kit.h"
-#include "daemon/log.h"
 #include "daemon/platform_lib.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"

@@ -25,10 +25,7 @@ void nox_vex_auth_add_session_handler(dv_io* io, int)
         bool called = call_platform_function(
             PATH_LIB_NASAUTH, "auth_add_session", p_auth_add_session,
             [&](auth_add_session_fn fn) { ret = fn(sid.c_str(), user.c_str(), type, ""); });
-        if (called && ret == 0)
-            reply["result"] = 0;
-        else
-            set_failure(reply, "nox_vex_auth_add_session_handler fail");
+        reply_status(reply, called ? ret : -1, "nox_vex_auth_add_session_handler fail");
     }
     send_reply(io, reply);
 }

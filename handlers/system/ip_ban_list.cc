@@ -2,6 +2,8 @@
 // one Apache fragment of deny rules, and the proxy web server and its TLS
 // tunnel are told to reload it.
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -11,9 +13,6 @@
 #include <vector>
 
 #include "daemon/handler_kit.h"
-#include "daemon/log.h"
-#include "daemon/runner.h"
-#include "daemon/strutil.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"
@@ -78,10 +77,14 @@ std::mutex ban_list_lock;
 // not all reach it; what was written stays.
 bool write_ban_list(const std::string& text)
 {
-    const std::string path = platform_path(PATH_IP_BAN_LIST);
     std::lock_guard<std::mutex> one_writer(ban_list_lock);
-    FILE* file = fopen(path.c_str(), "we");
+    const int fd = platform_open(PATH_IP_BAN_LIST, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    FILE* file = fd >= 0 ? fdopen(fd, "w") : nullptr;
     if (!file) {
+        const int err = errno;
+        if (fd >= 0)
+            close(fd);
+        errno = err;
         DBG("cannot open %s: %s.", PATH_IP_BAN_LIST, strerror(errno));
         return false;
     }
@@ -114,9 +117,8 @@ void nox_update_ip_ban_list_handler(dv_io* io, int)
             // The web server first, then its TLS tunnel. Their
             // statuses are not ours to report: the list is written, and a
             // server that failed to reload picks it up when it next starts.
-            dwe_vexprod_tarsk_exec(nullptr, nullptr, nullptr, platform_path(PATH_APACHE_PROXY).c_str(), "-k",
-                                   "graceful", "-f", PATH_APACHE_SYS_PROXY_CONF, nullptr);
-            dwe_vexprod_tarsk_exec(nullptr, nullptr, nullptr, platform_path(PATH_STUNNEL).c_str(), "reload", nullptr);
+            run_program(PATH_APACHE_PROXY, {"-k", "graceful", "-f", PATH_APACHE_SYS_PROXY_CONF});
+            run_program(PATH_STUNNEL, {"reload"});
             reply["result"] = 0;
         }
     }

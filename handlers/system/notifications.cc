@@ -7,18 +7,14 @@
 #include <vector>
 
 #include "daemon/handler_kit.h"
-#include "daemon/log.h"
-#include "daemon/runner.h"
-#include "daemon/strutil.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"
 
 namespace {
 
-// A file of the app's as the daemon runs it: "<Install_Path>/<relative>"
-// (cut to size - 1 characters, as the app has always had it) under the
-// platform root. False when the registry gives no absolute Install_Path: a
+// A file of the app's: "<Install_Path>/<relative>" (cut to size - 1
+// characters, as the app has always had it), as on the appliance. False when the registry gives no absolute Install_Path: a
 // relative one would depend on our working directory.
 bool app_file(const char* relative, size_t size, std::string& path)
 {
@@ -28,7 +24,7 @@ bool app_file(const char* relative, size_t size, std::string& path)
     std::string joined(size, '\0');
     snprintf(joined.data(), size, "%s/%s", install.c_str(), relative);
     joined.resize(joined.find('\0'));
-    path = platform_path(joined);
+    path = std::move(joined);
     return true;
 }
 
@@ -47,16 +43,6 @@ bool shell_words(const std::string& value, std::vector<std::string>& words)
     return true;
 }
 
-// The wrapper itself, its words as arguments: no shell in between.
-int run_wrapper(const std::string& script, const std::vector<std::string>& words)
-{
-    std::vector<const char*> argv = {strrchr(PATH_APP_NC_WRAPPER, '/') + 1};
-    for (const std::string& word : words)
-        argv.push_back(word.c_str());
-    argv.push_back(nullptr);
-    return dwe_vexprod_tarsk_exec_v(nullptr, nullptr, nullptr, script.c_str(), argv.data());
-}
-
 }  // namespace
 
 void nox_system_call_nc_notify_handler(dv_io* io, int)
@@ -70,11 +56,9 @@ void nox_system_call_nc_notify_handler(dv_io* io, int)
         if (!shell_words(nc_notify, words))
             DBG("nc_notify holds what a shell would interpret: [%s]; nothing run.", log_text(nc_notify).c_str());
         else if (app_file(PATH_APP_NC_WRAPPER, 512, script))
-            status = run_wrapper(script, words);
-        if (status == 0)
-            reply["result"] = 0;
-        else
-            set_failure(reply, "nox_system_call_nc_notify_handler fail");
+            // The wrapper itself, its words as arguments: no shell in between.
+            status = run_program(script, words);
+        reply_status(reply, status, "nox_system_call_nc_notify_handler fail");
     }
     send_reply(io, reply);
 }
@@ -87,9 +71,9 @@ void nox_system_get_tierlink_cloud_usage_handler(dv_io* io, int)
         // The figure as getfattr prints it, even empty when the folder has
         // none: the app interprets it.
         std::string size_info;
-        if (read_tool_output(PATH_GETFATTR,
-                             {"--only-values", "--absolute-names", "-n", "trusted.tl.cloud_usage", full_path.c_str()},
-                             size_info)) {
+        if (run_program(PATH_GETFATTR,
+                        {"--only-values", "--absolute-names", "-n", "trusted.tl.cloud_usage", full_path},
+                        size_info) != -1) {
             reply["result"] = 0;
             reply["size_info"] = size_info;
         } else {
@@ -120,12 +104,8 @@ void nox_return_handler(dv_io* io, int)
             DBG("cmd %d is not a notify result; nothing run.", cmd);
         else if (app_file(PATH_APP_NOTIFY_SCRIPT, 256, script))
             // The script takes "acy" before "type", the reverse of the request.
-            status = dwe_vexprod_tarsk_exec(nullptr, nullptr, nullptr, script.c_str(), "NOTIFY_CMD",
-                                            std::to_string(acy).c_str(), std::to_string(type).c_str(), nullptr);
-        if (status == 0)
-            reply["result"] = 0;
-        else
-            set_failure(reply, "nox_return_handler fail");
+            status = run_program(script, {"NOTIFY_CMD", std::to_string(acy), std::to_string(type)});
+        reply_status(reply, status, "nox_return_handler fail");
     }
     send_reply(io, reply);
 }

@@ -10,24 +10,19 @@
 // allowed to stop all mail. What stays open to a race is noted where it
 // happens.
 #include <fcntl.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "daemon/handler_kit.h"
-#include "daemon/log.h"
-#include "daemon/runner.h"
+#include "daemon/mail_dirs.h"
 #include "daemon/safe_files.h"
-#include "daemon/strutil.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"
@@ -42,7 +37,7 @@ bool admctl_session_id(const std::string& user, const std::string& pwd, std::str
     snprintf(user_arg, sizeof(user_arg), "user=%s", user.c_str());
     snprintf(pw_arg, sizeof(pw_arg), "pw=%s", pwd.c_str());
     std::string output;
-    if (!read_tool_output(PATH_ADMCTL, {"-l", user_arg, pw_arg}, output))
+    if (run_program(PATH_ADMCTL, {"-l", user_arg, pw_arg}, output) == -1)
         return false;
     std::vector<std::string> lines = str_split_to_vector(output, "\n", true);
     if (lines.size() != 2)
@@ -107,83 +102,6 @@ bool refuse(const std::string& what, const std::string& why)
 {
     DBG("%s %s; mail refused.", what.c_str(), why.c_str());
     return false;
-}
-
-// Opening failed because of what stands at the name (a directory of
-// another user, a link, a file), which moving it aside cures.
-bool squatted(int err)
-{
-    return err == EPERM || err == ELOOP || err == ENOTDIR;
-}
-
-// Renames whatever stands at path to a name beside it that nothing holds
-// yet, so that whoever made it keeps their files and we get the name back.
-bool move_aside(const std::string& path, const char* shown)
-{
-    struct stat st;
-    if (lstat(path.c_str(), &st) != 0)
-        return errno == ENOENT;
-    // A name nobody can guess, so that nobody can take all of them first.
-    for (unsigned n = 0; n < 8; ++n) {
-        uint64_t token = 0;
-        if (getrandom(&token, sizeof(token), 0) != sizeof(token))
-            token = (static_cast<uint64_t>(time(nullptr)) << 20) ^ static_cast<uint64_t>(getpid()) ^ n;
-        char suffix[32];
-        snprintf(suffix, sizeof(suffix), ".moved.%016llx", static_cast<unsigned long long>(token));
-        const std::string aside = path + suffix;
-        if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) == 0) {
-            DBG("%s (uid %u, mode %o) was not ours; moved aside to %s%s.", shown, static_cast<unsigned>(st.st_uid),
-                static_cast<unsigned>(st.st_mode), shown, aside.substr(path.size()).c_str());
-            return true;
-        }
-        if (errno != EEXIST)
-            break;
-    }
-    DBG("%s is not ours and cannot be moved aside: %s.", shown, strerror(errno));
-    return false;
-}
-
-// The spool is everybody's drop box: a directory nobody else may write
-// into, or one whose sticky bit keeps each file to its owner, so that no
-// other user can swap the app's file for one of theirs once it is checked.
-bool keep_entries_to_owners(int dir, const char* shown, std::string& why)
-{
-    struct stat st;
-    if (fstat(dir, &st) != 0) {
-        why = strerror(errno);
-        return false;
-    }
-    if (!(st.st_mode & (S_IWGRP | S_IWOTH)) || (st.st_mode & S_ISVTX))
-        return true;
-    if (fchmod(dir, (st.st_mode & 07777) | S_ISVTX) != 0) {
-        why = std::string("others may replace its files and the sticky bit cannot be set: ") + strerror(errno);
-        return false;
-    }
-    DBG("%s: others could replace its files; sticky bit set.", shown);
-    return true;
-}
-
-// Opens the mail directory abs: the log directory (ours, made 0755 when
-// missing) or the spool (root's, or caller's when given; made root's and
-// everybody's, sticky, when moved aside or, with create, missing). One that
-// belongs to anybody else, or is no directory, is moved aside and made
-// afresh. -1 with why otherwise.
-int open_mail_dir(const char* abs, bool spool, bool create, std::optional<uid_t> caller, std::string& why)
-{
-    const std::string path = platform_path(abs);
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        if (spool && (create || attempt > 0) && mkdir(path.c_str(), 0700) == 0 && chmod(path.c_str(), 01777) != 0) {
-            why = std::string("cannot open it to everybody: ") + strerror(errno);
-            return -1;
-        }
-        ScopedFd dir(spool ? open_trusted_dir(path, false, 0, false, why, caller)
-                           : open_trusted_dir(path, true, 0755, true, why));
-        if (dir.ok())
-            return spool && !keep_entries_to_owners(dir.get(), abs, why) ? -1 : dir.release();
-        if (!squatted(errno) || !move_aside(path, abs))
-            return -1;
-    }
-    return -1;
 }
 
 // A spool file, opened for what it is now. Missing is no reason to refuse:
@@ -253,11 +171,8 @@ int run_sendmail(const MailJob& job)
         unlinkat(job.log_dir.get(), base_name(PATH_SENDMAIL_LOG), 0);
         return -1;
     }
-    // The runner opens its files by name. These names reach exactly the files
-    // checked above, whatever happens to the spool entries meanwhile.
-    const std::string in = fd_path(job.input().get());
-    const std::string out = fd_path(job.log.get());
-    const std::string program = platform_path(PATH_SENDMAIL);
+    // The input and the log go to sendmail as the descriptors checked above,
+    // whatever happens to the spool entries meanwhile.
     // sendmail opens its configuration ("-C") itself, by its spool name. The
     // entry it reaches is the file checked above: the spool is nobody else's
     // to write into, or sticky, so no other user can replace the caller's
@@ -268,11 +183,10 @@ int run_sendmail(const MailJob& job)
         // Deliberately the same "-au" form as the user, not an option of
         // its own.
         snprintf(pwd_opt, sizeof(pwd_opt), "-au%s", job.pwd.c_str());
-        return dwe_vexprod_tarsk_exec_v2(in.c_str(), out.c_str(), out.c_str(), nullptr, program.c_str(), user_opt,
-                                         pwd_opt, "-C", job.conf_path.c_str(), "-t", nullptr);
+        return run_program_through(PATH_SENDMAIL, {user_opt, pwd_opt, "-C", job.conf_path, "-t"}, job.input().get(),
+                                   job.log.get());
     }
-    return dwe_vexprod_tarsk_exec_v2(in.c_str(), out.c_str(), out.c_str(), nullptr, program.c_str(), "-C",
-                                     job.conf_path.c_str(), "-t", nullptr);
+    return run_program_through(PATH_SENDMAIL, {"-C", job.conf_path, "-t"}, job.input().get(), job.log.get());
 }
 
 // Moves one spool file to target in the log directory, replacing the last

@@ -1,7 +1,6 @@
 // Liveness tests, exec_cli, and the small platform queries and app controls
 // that take no arguments: local-display status, generic model, display name,
 // disabling the app and renewing its share folders.
-#include <sys/stat.h>
 
 #include <cstdlib>
 #include <string>
@@ -9,9 +8,6 @@
 #include "daemon/exec_cli.h"
 #include "daemon/exec_policy.h"
 #include "daemon/handler_kit.h"
-#include "daemon/ini.h"
-#include "daemon/log.h"
-#include "daemon/runner.h"
 #include "handlers/handlers.h"
 #include "platform/paths.h"
 
@@ -20,13 +16,12 @@ namespace {
 // exec_cli's own codes are 0, -1 and -2; a refused program has its own.
 constexpr int EXEC_CLI_NOT_ALLOWED = -3;
 
-// The app's control script with one action; true when it ran and exited 0.
-bool run_control_script(const char* action)
+// The app's control script with one action: its wait status, -1 when the
+// app has none.
+int run_control_script(const char* action)
 {
     std::string script;
-    if (!app_control_script(script))
-        return false;
-    return dwe_vexprod_tarsk_exec(nullptr, nullptr, nullptr, script.c_str(), action, nullptr) == 0;
+    return app_control_script(script) ? run_program(script, {action}) : -1;
 }
 
 }  // namespace
@@ -61,16 +56,19 @@ void nox_exec_cli_handler(dv_io* io, int)
     reply["service"] = "VexProServer-vexprod";
     // Root may run anything. Anyone else gets no shell or interpreter, and
     // nothing that someone other than root could have swapped in.
-    std::string program, why;
-    if (dv_io_uid(io) != 0 && exec_cli_program(request, program) && !exec_program_allowed(program, why)) {
+    ExecCommand command;
+    std::string output, why;
+    int code = exec_cli_parse(request, command, &output);
+    if (code == 0 && dv_io_uid(io) != 0 && !exec_program_allowed(command.argv[0], why)) {
+        const std::string& program = command.argv[0];
         DBG("refused for pid %d uid %d: %s (%s)", dv_io_pid(io), dv_io_uid(io), program.c_str(), why.c_str());
         reply["error_code"] = EXEC_CLI_NOT_ALLOWED;
         reply["error_msg"] = "program not allowed: " + program;
         send_reply(io, reply);
         return;
     }
-    std::string output;
-    int code = exec_cli(request, &output);
+    if (code == 0)
+        code = exec_cli(command, &output);
     reply["error_code"] = code;
     reply[code == 0 ? "result" : "error_msg"] = output;
     send_reply(io, reply);
@@ -91,8 +89,7 @@ void nox_get_cfg_tvDeck_handler(dv_io* io, int)
 void nox_is_generic_model_handler(dv_io* io, int)
 {
     Json::Value reply;
-    struct stat st;
-    if (stat(platform_path(PATH_IS_GENERIC_MARKER).c_str(), &st) == 0) {
+    if (platform_has(PATH_IS_GENERIC_MARKER)) {
         DBG("is generic.");
         reply["result"] = 0;
         reply["is_generic"] = 1;
@@ -121,20 +118,14 @@ void nox_get_platform_display_name_handler(dv_io* io, int)
 void nox_system_call_vexpro_disable_handler(dv_io* io, int)
 {
     Json::Value reply;
-    if (run_control_script("force_stop"))
-        reply["result"] = 0;
-    else
-        // The doubled "system" is the text callers match on.
-        set_failure(reply, "nox_system_system_call_vexpro_disable_handler fail");
+    // The doubled "system" is the text callers match on.
+    reply_status(reply, run_control_script("force_stop"), "nox_system_system_call_vexpro_disable_handler fail");
     send_reply(io, reply);
 }
 
 void nox_system_call_share_folder_renew_handler(dv_io* io, int)
 {
     Json::Value reply;
-    if (run_control_script("share_folder_renew"))
-        reply["result"] = 0;
-    else
-        set_failure(reply, "nox_system_call_share_folder_renew_handler fail");
+    reply_status(reply, run_control_script("share_folder_renew"), "nox_system_call_share_folder_renew_handler fail");
     send_reply(io, reply);
 }

@@ -5,8 +5,6 @@
 #include <vector>
 
 #include "daemon/handler_kit.h"
-#include "daemon/log.h"
-#include "daemon/strutil.h"
 #include "handlers/handlers.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"
@@ -16,7 +14,7 @@ int system_call_hwdapp_vpdget(const char* obj_index, std::string* out)
     char selector[64];
     snprintf(selector, sizeof(selector), "enc_sys_id=root,obj_index=%s", obj_index);
     std::string output;
-    if (!read_tool_output(PATH_HWD_APP, {"--vpd_get_field", selector}, output))
+    if (run_program(PATH_HWD_APP, {"--vpd_get_field", selector}, output) == -1)
         return -2;
     *out = output;
 
@@ -53,7 +51,7 @@ int system_call_hwdapp_vpdget_ext_area(int offset, int length, std::string* out)
     snprintf(range, sizeof(range), "offset=%d,length=%d", offset, length);
     DBG("/sbin/hwd_app --vpd_get_ext_area  %s", range);
     std::string output;
-    if (!read_tool_output(PATH_HWD_APP, {"--vpd_get_ext_area", range}, output))
+    if (run_program(PATH_HWD_APP, {"--vpd_get_ext_area", range}, output) == -1)
         return -2;
     DBG("str_output=%s", output.c_str());
     trim_char(output, " \n");

@@ -20,10 +20,11 @@
 #include <vector>
 
 #include "daemon/command_table.h"
+#include "handlers/registry.h"
 #include "daemon/json.h"
 #include "dv.h"
 #include "platform/paths.h"
-#include "platform/sim/simlib.h"
+#include "sim/simlib.h"
 #include "support/daemon_suite.h"
 #include "support/env.h"
 #include "support/files.h"

@@ -10,7 +10,7 @@
 
 #include "daemon/ini.h"
 #include "daemon/json.h"
-#include "daemon/reply.h"
+#include "daemon/request.h"
 #include "daemon/strutil.h"
 #include "platform/paths.h"
 #include "support/death.h"
@@ -70,27 +70,6 @@ TEST(Parsers, TrimSplitBase64AndVpd)
         EXPECT_EQ(base64_decode(c.encoded, out), static_cast<int>(c.plain.size())) << c.encoded;
         EXPECT_EQ(out, c.plain) << c.encoded;
     }
-    const struct {
-        std::string text, serial, system_id;
-    } vpd[] = {
-        {"enc_sys_id = ABC123,SN = Q1234567\n", "Q1234567", "ABC123"},
-        {"SN = XY99\nenc_sys_id = 77,\n", "XY99\nenc_sys_id = 77,", "77"},
-        {"enc_sys_id = ABC\n", "", ""},    // no comma
-        {"enc_sys_id,SN = 1\n", "1", ""},  // comma too early
-        {"SN", "", ""},                    // the serial would run past the end
-        {"SN = \n", "", ""},               // just fits
-    };
-    for (const auto& c : vpd) {
-        std::string serial = "stale", system_id = "stale";
-        parser_VPD_SN_from_str(c.text, &serial, &system_id);
-        EXPECT_EQ(serial, c.serial) << c.text;
-        EXPECT_EQ(system_id, c.system_id) << c.text;
-    }
-    std::string area = "stale";
-    parser_VPD_ext_area_from_str(" ext area\n text \n", &area);
-    EXPECT_EQ(area, "extareatext");
-    parser_VPD_ext_area_from_str(nullptr, &area);
-    EXPECT_EQ(area, "");
 }
 
 // conf_get on a simulated root, steered to print what a row needs.

@@ -24,6 +24,7 @@
 #include <string>
 
 #include "daemon/command_table.h"
+#include "handlers/registry.h"
 #include "daemon/json.h"
 #include "daemon/log.h"
 #include "dv.h"

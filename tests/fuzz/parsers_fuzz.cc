@@ -72,13 +72,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
         promise(b.empty() || (!in_set(set, b.front()) && !in_set(set, b.back())), "trim_front_and_end left an end");
         promise(data.find(b) != std::string::npos, "trim_front_and_end changed the inside");
         break;
-    case 3: {
-        std::string area;
-        parser_VPD_SN_from_str(data, &a, &b);
-        promise(a.size() <= data.size() && b.size() <= data.size(), "VPD value longer than its text");
-        parser_VPD_ext_area_from_str(data.c_str(), &area);
-        break;
-    }
     default:
         notify_record n;
         if (parse_notify_record(data.data(), data.size(), n)) {

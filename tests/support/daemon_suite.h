@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "platform/sim/simlib.h"
+#include "sim/simlib.h"
 #include "support/daemon_process.h"
 #include "support/settle.h"
 #include "support/sim_root.h"

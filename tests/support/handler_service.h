@@ -6,6 +6,7 @@
 #include <string>
 
 #include "daemon/dispatch.h"
+#include "handlers/registry.h"
 #include "dv.h"
 #include "support/debug_log.h"
 #include "support/sim_root.h"

@@ -2,8 +2,8 @@
 #include "support/sim_root.h"
 
 #include "platform/paths.h"
-#include "platform/sim/fields.h"
-#include "platform/sim/simlib.h"
+#include "sim/fields.h"
+#include "sim/simlib.h"
 #include "support/config.h"
 #include "support/files.h"
 
@@ -35,7 +35,7 @@ SimRoot::~SimRoot()
 
 void SimRoot::make()
 {
-    std::string script = source_dir() + "/platform/sim/make-root";
+    std::string script = source_dir() + "/sim/make-root";
     std::string build = binary_dir();
     std::string option = "--build";
     std::vector<char*> argv = {script.data(), root_.data(), option.data(), build.data(), nullptr};

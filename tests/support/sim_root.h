@@ -1,4 +1,4 @@
-// SimRoot: a fresh simulated platform root for one test (platform/sim/make-root
+// SimRoot: a fresh simulated platform root for one test (sim/make-root
 // in a unique temporary directory, removed again at the end), with readers for
 // the call journal and setters for the stubs' steering files.
 #pragma once

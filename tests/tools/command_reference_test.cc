@@ -11,6 +11,7 @@
 
 #include "daemon/command_reference.h"
 #include "daemon/dispatch.h"
+#include "handlers/registry.h"
 #include "support/config.h"
 
 namespace {

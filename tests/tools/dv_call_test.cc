@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "daemon/dispatch.h"
+#include "handlers/registry.h"
 #include "dv.h"
 #include "support/config.h"
 #include "support/process.h"

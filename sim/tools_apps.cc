@@ -1,8 +1,8 @@
 // Simulated app-side programs: the daemon manager and the reverse proxy, the
 // container shell, the cloud account tools, and the apps' own scripts.
 #include "platform/paths.h"
-#include "platform/sim/simlib.h"
-#include "platform/sim/tools.h"
+#include "sim/simlib.h"
+#include "sim/tools.h"
 
 #include <cstdlib>
 #include <sys/wait.h>

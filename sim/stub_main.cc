@@ -2,8 +2,8 @@
 // finds its root and its own platform path, journals the call, applies the
 // steering files of the root and otherwise behaves as the program would.
 #include "platform/paths.h"
-#include "platform/sim/simlib.h"
-#include "platform/sim/tools.h"
+#include "sim/simlib.h"
+#include "sim/tools.h"
 
 #include <cerrno>
 #include <climits>

@@ -2,9 +2,9 @@
 // tools, the mailer, share and search-index tools, the analytics tool, the web
 // front end's reloads, the attribute reader and the event-log writers.
 #include "platform/paths.h"
-#include "platform/sim/fields.h"
-#include "platform/sim/simlib.h"
-#include "platform/sim/tools.h"
+#include "sim/fields.h"
+#include "sim/simlib.h"
+#include "sim/tools.h"
 
 namespace sim {
 

@@ -1,8 +1,8 @@
 // Root discovery, the call journal and small file readers for the simulated
 // platform's tools and libraries.
-#include "platform/sim/simlib.h"
+#include "sim/simlib.h"
 
-#include "platform/sim/fields.h"
+#include "sim/fields.h"
 
 #include <cerrno>
 #include <climits>

@@ -2,7 +2,7 @@
 // root's /etc/passwd and /etc/group, in file order.
 #include "platform/paths.h"
 #include "platform/platform_libs.h"
-#include "platform/sim/simlib.h"
+#include "sim/simlib.h"
 
 #include <cstdlib>
 #include <algorithm>

@@ -34,6 +34,7 @@
 #include "daemon/usage.h"
 #include "dv.h"
 #include "handlers/handlers.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
 
 namespace {

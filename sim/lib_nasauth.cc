@@ -2,8 +2,8 @@
 // root's /var/lib/sim/sessions, one record of sid, type, user and extra each.
 #include "platform/paths.h"
 #include "platform/platform_libs.h"
-#include "platform/sim/fields.h"
-#include "platform/sim/simlib.h"
+#include "sim/fields.h"
+#include "sim/simlib.h"
 
 #include <algorithm>
 #include <cstring>

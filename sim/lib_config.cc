@@ -2,7 +2,7 @@
 // [SMS] of the root's /var/lib/sim/sms.conf.
 #include "platform/paths.h"
 #include "platform/platform_libs.h"
-#include "platform/sim/simlib.h"
+#include "sim/simlib.h"
 
 #include <algorithm>
 #include <cstring>
