@@ -3,10 +3,8 @@
 // checks the status, stderr, debug log and that nothing is left; then
 // attacks on the wire by users other than root, each followed by the app's
 // own requests, answered at once and exactly.
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -250,47 +248,6 @@ void seal_after_send(const DaemonProcess& d)
     }
 }
 
-// TCP connections to a listener that never accepts, buffers full, set to
-// linger an hour on close, passed as extra descriptors and let go of: the
-// daemon's close would be the one to wait. The listener stays until the
-// attacker is released (closing it would free the daemon by itself).
-void lingering_tcp_extra_fds(const DaemonProcess& d)
-{
-    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), small = 4096;
-    setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
-    struct sockaddr_in addr = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t len = sizeof(addr);
-    if (bind(listener, reinterpret_cast<sockaddr*>(&addr), len) != 0 || listen(listener, 8) != 0 ||
-        getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
-        return;
-    for (int i = 0; i < 3; i++) {  // more than the command service has workers
-        int tcp = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        setsockopt(tcp, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
-        if (connect(tcp, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0)
-            return;
-        fcntl(tcp, F_SETFL, O_NONBLOCK);
-        static const char chunk[4096] = {};
-        for (int idle = 0; idle < 3; usleep(20000)) {
-            bool took = false;
-            while (write(tcp, chunk, sizeof(chunk)) > 0)
-                took = true;
-            idle = took ? 0 : idle + 1;
-        }
-        struct linger hour = {1, 3600};
-        setsockopt(tcp, SOL_SOCKET, SO_LINGER, &hour, sizeof(hour));
-        RawClient c;
-        int memfd = make_request_memfd("{}");
-        if (c.connect_to(d.command_socket()) && c.next_type(2000) == DV_DIRECTIVE_ACCEPT) {
-            c.send_directive(DV_DIRECTIVE_REQUEST, DV_DIRECTIVE_FLAG_EXTRA_FD, "test");
-            c.send_fd(memfd);
-            c.send_fd(tcp);
-        }
-        close(tcp);
-        close(memfd);
-        c.next_type(2000);
-    }
-}
-
 // 30 connections to each service that are let in and then say nothing; a
 // full backlog does not stop the flood.
 void silent_connections(const DaemonProcess& d)
@@ -329,7 +286,6 @@ TEST(HostileWire, NoAttackCrashesHangsOrStarvesTheDaemon)
         std::function<void(const DaemonProcess&)> meanwhile;
     } attacks[] = {
         {"seal after send", 1, seal_after_send, 0, nullptr},
-        {"lingering TCP extra descriptors", 1, lingering_tcp_extra_fds, 0, nullptr},
         {"a connection flood at RLIMIT_NOFILE 1024, then a queue record", 40, silent_connections, 1024,
          [](const DaemonProcess& d) {
              EXPECT_LT(cpu_percent(d.pid()), 50);
