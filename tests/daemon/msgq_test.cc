@@ -67,6 +67,24 @@ std::string msgrcv_error(int e, int id)
            "\n";
 }
 
+TEST(Msgq, SendResults)
+{
+    TestQueueKey key;
+    EXPECT_EQ(send(key.key(), 1, "x"), MSGQ_SEND_NO_QUEUE);
+    T_MSGQ_service owned(key.key(), recording_handler, kTextSize);  // not started: messages pile up
+    EXPECT_EQ(send(key.key(), 7, "hello"), MSGQ_SEND_OK);
+    EXPECT_EQ(send(key.key(), 0, "x"), MSGQ_SEND_FAILED);  // a type must be positive
+    const auto begin = Clock::now();
+    int result = MSGQ_SEND_OK;
+    for (int i = 0; i < 1000 && result == MSGQ_SEND_OK; i++)
+        result = send(key.key(), 1, std::string(1000, 'b'));
+    EXPECT_EQ(result, MSGQ_SEND_FAILED);
+    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(1)) << "a full queue blocked the sender";
+    EXPECT_EQ(send(IPC_PRIVATE, 1, "x"), MSGQ_SEND_LOOKUP_FAILED);
+    owned.server_stop();
+    EXPECT_FALSE(key.exists());
+}
+
 // Whole messages in order (short ones zero-filled); then each way the
 // receiver ends: stopped while it waits, its queue removed by another, stuck
 // on an oversized message. Each ends promptly, with only the error it should
