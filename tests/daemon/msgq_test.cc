@@ -189,8 +189,11 @@ void put_text(Bytes& m, size_t offset, const std::string& s, size_t field)
     memcpy(m.data() + offset, (s + std::string(field, '\0')).data(), field);
 }
 
-TEST(QueueRecords, FieldsAtTheirOffsetsAndWhatIsRefused)
+// Each record decoded, and what its consumer sends the notification service.
+TEST(QueueRecords, FieldsAtTheirOffsetsReachTheServiceAndWhatIsRefused)
 {
+    DebugLogCapture log;
+    FakeNotifyService service;
     auto notify = [](const char* flag, char fill) {
         return R"({"fabric_time": "T", "fabric_type": -7, "fabric_action": 16909060, "ret_flag": )" +
                std::string(flag) + R"(, "fabric_extra_info": ")" + std::string(fill == 'i' ? 131 : 132, fill) +
@@ -204,17 +207,18 @@ TEST(QueueRecords, FieldsAtTheirOffsetsAndWhatIsRefused)
         {0, 1, std::string(131, 'i'), notify("true", 'i')},
         {0, -1, std::string(140, 'u'), notify("false", 'u')},  // only 1 is true; the text ends with its field
         {1, 4, "motion detected",
-         R"({"level": 4, "time": "1700000000007", "user": "admin", "source_ip": "10.0.0.7", "source_name": "cam-1",
+         R"({"level": 4, "time": "1700000000000", "user": "admin", "source_ip": "10.0.0.7", "source_name": "cam-1",
              "nas_ip": "---", "nas_name": "---", "content": "motion detected", "method": "notify"})"},
         {2, -2, std::string(1025, 'c'),
-         R"({"level": -2, "time": "1700000000007", "source_ip": "fe80::1", "nas_ip": "---", "nas_name": "---",
+         R"({"level": -2, "time": "1700000000001", "source_ip": "fe80::1", "nas_ip": "---", "nas_name": "---",
              "serv": 5, "action": 2147483647})"},
         {3, 1, "unknown type", ""},
         {0x100000001L, 1, "type beyond 32 bits", ""},
     };
+    size_t sent = 0;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.type);
-        Json::Value want;
+        Json::Value want, got;
         ASSERT_TRUE(c.json.empty() || json_parse(c.json, want));
         if (c.type == 0) {
             Bytes m(notify_layout::kTotal, 0);
@@ -225,8 +229,22 @@ TEST(QueueRecords, FieldsAtTheirOffsetsAndWhatIsRefused)
             put_text(m, 20, c.text.substr(0, 132), 132);
             notify_record rec;
             EXPECT_FALSE(parse_notify_record(m.data(), m.size() - 1, rec));
-            ASSERT_TRUE(parse_notify_record(m.data(), m.size(), rec));
-            EXPECT_EQ(notify_record_json(rec, "T"), want);
+            const time_t before = time(nullptr);
+            notify_handler(m.data());
+            ASSERT_TRUE(service.wait_calls(++sent));
+            const time_t after = time(nullptr);
+            ASSERT_EQ(service.calls().back().command, "notify_event");
+            ASSERT_TRUE(json_parse(service.calls().back().text, got));
+            // Stamped "yy/mm/dd hh:mm:ss:uuuuuu" in local time.
+            const std::string when = got["fabric_time"].asString();
+            char low[32], high[32];
+            struct tm tm;
+            strftime(low, sizeof(low), "%y/%m/%d %H:%M:%S", localtime_r(&before, &tm));
+            strftime(high, sizeof(high), "%y/%m/%d %H:%M:%S", localtime_r(&after, &tm));
+            EXPECT_TRUE(when.substr(0, 17) >= low && when.substr(0, 17) <= high) << when;
+            EXPECT_THAT(when, testing::MatchesRegex("[0-9/]{8} [0-9:]{8}:[0-9]{6}"));
+            got["fabric_time"] = "T";
+            EXPECT_EQ(got, want);
             continue;
         }
         Bytes m(1 + EVENTLOG_TOTAL, 0xEE);  // one byte ahead: the record may sit anywhere in a buffer
@@ -242,19 +260,22 @@ TEST(QueueRecords, FieldsAtTheirOffsetsAndWhatIsRefused)
         put<int32_t>(m, 1 + 2488, 0x7fffffff);
         eventlog_record rec;
         EXPECT_FALSE(parse_eventlog_record(m.data() + 1, m.size() - 2, rec));
-        if (c.type != 1 && c.type != 2) {
+        eventlog_handler(m.data() + 1);
+        if (c.json.empty()) {
             EXPECT_FALSE(parse_eventlog_record(m.data() + 1, m.size() - 1, rec));
             continue;
         }
-        ASSERT_TRUE(parse_eventlog_record(m.data() + 1, m.size() - 1, rec));
+        ASSERT_TRUE(service.wait_calls(++sent));
+        EXPECT_EQ(service.calls().back().command, c.type == 1 ? "notify_log" : "notify_conn");
+        ASSERT_TRUE(json_parse(service.calls().back().text, got));
         if (c.type == 2) {
             want["user"] = std::string(65, 'U');
             want["source_name"] = std::string(65, 'n');
             want["content"] = c.text;
         }
-        EXPECT_EQ(eventlog_record_json(rec, 7), want);
-        EXPECT_STREQ(eventlog_command(rec), c.type == 1 ? "notify_log" : "notify_conn");
+        EXPECT_EQ(got, want);
     }
+    EXPECT_EQ(service.calls().size(), sent);
     // Events are numbered within their second; only the last second is kept, the 1001st wraps.
     for (int i = 0; i < 3; i++)
         EXPECT_EQ(get_datetime_count(1000), i);
@@ -262,32 +283,6 @@ TEST(QueueRecords, FieldsAtTheirOffsetsAndWhatIsRefused)
     for (int i = 0; i < 1000; i++)
         ASSERT_EQ(get_datetime_count(1000), i);
     EXPECT_EQ(get_datetime_count(1000), 0);
-}
-
-// A notification record handed to the consumer reaches the service as
-// notify_event, stamped "yy/mm/dd hh:mm:ss:uuuuuu" in local time.
-TEST(QueueRecords, NotificationsReachTheServiceWithTheirLocalTime)
-{
-    DebugLogCapture log;
-    FakeNotifyService service;
-    Bytes m(notify_layout::kTotal, 0);
-    put<int64_t>(m, 0, 1);
-    put<int32_t>(m, 8, 3);
-    const time_t before = time(nullptr);
-    notify_handler(m.data());
-    ASSERT_TRUE(service.wait_calls(1));
-    const time_t after = time(nullptr);
-    ASSERT_EQ(service.calls()[0].command, "notify_event");
-    Json::Value v;
-    ASSERT_TRUE(json_parse(service.calls()[0].text, v));
-    EXPECT_EQ(v["fabric_type"], 3);
-    char low[32], high[32];
-    struct tm tm;
-    strftime(low, sizeof(low), "%y/%m/%d %H:%M:%S", localtime_r(&before, &tm));
-    strftime(high, sizeof(high), "%y/%m/%d %H:%M:%S", localtime_r(&after, &tm));
-    const std::string when = v["fabric_time"].asString();
-    EXPECT_TRUE(when.substr(0, 17) >= low && when.substr(0, 17) <= high) << when;
-    EXPECT_THAT(when, testing::MatchesRegex("[0-9/]{8} [0-9:]{8}:[0-9]{6}"));
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 // A live service in this process, driven by a hand-written client and by the
 // real one: round trips in every worker mode, waiting clients and refusals,
 // misbehaving clients, client statuses, a killed consumer; nothing left behind.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -312,9 +314,28 @@ void counting_exec(const char* name, dv_io* io, int fd)
 // service hold closed; the other consumer answers meanwhile.
 TEST(Wire, MisbehavingClientsAreDroppedWithoutHarmingOthersOrLeaking)
 {
-    TempDir scratch;
-    ASSERT_TRUE(write_text_file(scratch.file("ro"), "{}"));
-    auto ro = [&] { return std::vector<int>{open(scratch.file("ro").c_str(), O_RDONLY | O_CLOEXEC)}; };
+    auto ro = [] { return std::vector<int>{open("/etc/passwd", O_RDONLY | O_CLOEXEC)}; };
+    // A TCP connection to a listener that never accepts, its buffers full, set
+    // to linger an hour: a plain close of it would wait that long.
+    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), small = 4096;
+    struct sockaddr_in addr = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t len = sizeof(addr);
+    setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+    ASSERT_TRUE(bind(listener, reinterpret_cast<sockaddr*>(&addr), len) == 0 && listen(listener, 8) == 0 &&
+                getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len) == 0);
+    auto lingering_tcp = [&] {
+        int tcp = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        setsockopt(tcp, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+        EXPECT_EQ(connect(tcp, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+        fcntl(tcp, F_SETFL, O_NONBLOCK);
+        static const char chunk[4096] = {};
+        for (int idle = 0; idle < 3; usleep(20000))
+            for (idle++; write(tcp, chunk, sizeof(chunk)) > 0;)
+                idle = 0;
+        struct linger hour = {1, 3600};
+        setsockopt(tcp, SOL_SOCKET, SO_LINGER, &hour, sizeof(hour));
+        return std::vector<int>{tcp};
+    };
     auto sealed = [](unsigned seals) {
         return [seals] {
             int fd = memfd_create("sealed", MFD_CLOEXEC | MFD_ALLOW_SEALING);
@@ -342,25 +363,17 @@ TEST(Wire, MisbehavingClientsAreDroppedWithoutHarmingOthersOrLeaking)
         {"a type clients may not send", true, send(std::string(reinterpret_cast<char*>(&stop), sizeof(stop))),
          Dropped},
         {"request without a descriptor in the message", true, send(request_bytes + "x"), Dropped},
-        {"a pipe as the memory file", true, request_with([] {
-             int p[2];
-             (void)!pipe2(p, O_CLOEXEC);
-             close(p[1]);
-             return std::vector<int>{p[0]};
-         }), Dropped},
+        {"a pipe as the memory file", true,
+         request_with([] { int p[2] = {-1, -1}; (void)!pipe2(p, O_CLOEXEC); close(p[1]); return std::vector<int>{p[0]}; }),
+         Dropped},
         {"a read-only file as the memory file", true, request_with(ro), Dropped},
         {"a memory file sealed against shrinking", true, request_with(sealed(F_SEAL_SHRINK)), Dropped},
         {"a memory file sealed against writes", true, request_with(sealed(F_SEAL_FUTURE_WRITE)), Dropped},
-        {"an enormous memory file", true, request_with([] {
-             std::vector<int> fds = memfds(1);
-             (void)!ftruncate(fds[0], 1LL << 40);
-             return fds;
-         }), Dropped},
+        {"an enormous memory file", true,
+         request_with([] { std::vector<int> fds = memfds(1); (void)!ftruncate(fds[0], 1LL << 40); return fds; }), Dropped},
         {"two memory files in one message", true, request_with([] { return memfds(2); }), Dropped},
         {"64 memory files in one message", true, request_with([] { return memfds(64); }), Dropped},
-        {"a TCP socket as the extra descriptor", true,
-         request_with([] { return std::vector<int>{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)}; }, true),
-         Dropped},
+        {"a lingering TCP socket as the extra descriptor", true, request_with(lingering_tcp, true), Dropped},
         {"a read-only extra descriptor", true, request_with(ro, true), Dropped},
         {"16 extra descriptors in one message", true, request_with([] { return memfds(16); }, true), Dropped},
     };
@@ -390,6 +403,7 @@ TEST(Wire, MisbehavingClientsAreDroppedWithoutHarmingOthersOrLeaking)
         for (int i = 0; i < 3; i++)
             ASSERT_EQ(raw_call(svc.sockfile(), "good", "{}"), echoed("good", "{}"));
     }
+    close(listener);
 }
 
 // The statuses a lone caller can meet; a timeout below five seconds is

@@ -4,28 +4,19 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <set>
-#include <sstream>
 #include <string>
 
 #include "daemon/command_reference.h"
 #include "daemon/dispatch.h"
 #include "handlers/registry.h"
 #include "support/config.h"
+#include "support/files.h"
 
 namespace {
 
 const ServiceTable kServices[] = {{DV_SERVICE_NAME, {handler, handler_size}},
                                   {DV_SEND_MAIL_SERVICE_NAME, {sendmail_handler, sendmail_handler_size}}};
-
-std::string file_text(const std::filesystem::path& path)
-{
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 TEST(CommandRegistry, EveryRowSaysWhatItReadsAndAnswers)
 {
@@ -66,13 +57,13 @@ TEST(CommandRegistry, EveryRowSaysWhatItReadsAndAnswers)
     for (const auto& f : std::filesystem::recursive_directory_iterator(source_dir() + "/handlers")) {
         if (f.path().extension() != ".cc" || f.path().filename() == "registry.cc")
             continue;
-        EXPECT_FALSE(spells_a_key(file_text(f.path()))) << f.path();
+        EXPECT_FALSE(spells_a_key(read_text_file(f.path()))) << f.path();
     }
 }
 
 TEST(CommandRegistry, TheCommittedReferenceIsCurrent)
 {
-    EXPECT_TRUE(file_text(source_dir() + "/docs/commands.md") == command_reference(kServices))
+    EXPECT_TRUE(read_text_file(source_dir() + "/docs/commands.md") == command_reference(kServices))
         << "docs/commands.md is out of date: run make docs and commit it";
 }
 

@@ -1,12 +1,12 @@
-// dv-call as a person uses it: exit statuses, usage, stdin, --stdout, and
-// the options that read a service's description or look at its reply.
+// dv-call as a person uses it: the request from an argument, a file or
+// standard input, --stdout, --wait, the options that read a service's
+// description or look at its reply, and every failure's status and line.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 #include <string>
 #include <thread>
 
@@ -14,6 +14,7 @@
 #include "handlers/registry.h"
 #include "dv.h"
 #include "support/config.h"
+#include "support/files.h"
 #include "support/process.h"
 #include "support/tempdir.h"
 #include "support/test_service.h"
@@ -23,76 +24,6 @@ namespace {
 std::string dv_call_path()
 {
     return binary_dir() + "/bin/dv-call";
-}
-
-TEST(DvCall, PrintsTheReplyAndExitsWithTheClientStatus)
-{
-    TestService svc(echo_exec);
-    ProcessResult r = run_process({dv_call_path(), svc.name(), "cmd", "{\"a\":1}"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    // The peer is the dv-call process, so only the shape before the pid is fixed.
-    EXPECT_EQ(r.out.rfind("cmd|{\"a\":1}|", 0), 0u) << r.out;
-    EXPECT_EQ(r.err, "");
-
-    // The request from standard input.
-    r = run_process({dv_call_path(), "--timeout", "7", svc.name(), "stdin"}, "{\"from\":\"stdin\"}");
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out.rfind("stdin|{\"from\":\"stdin\"}|", 0), 0u) << r.out;
-
-    // --stdout: what the service writes to the extra descriptor arrives here.
-    r = run_process({dv_call_path(), "--stdout", svc.name(), "out", "{}"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out.rfind("extra:out\nout|{}|", 0), 0u) << r.out;
-
-    TempDir dir;
-    r = run_process({dv_call_path(), "@" + dir.file("absent.sock"), "cmd", "{}"});
-    EXPECT_EQ(r.status, DV_STATUS_CONNECT);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, "dv-call: @" + dir.file("absent.sock") + ": no such service (nothing listens at " +
-                         dir.file("absent.sock") + ")\n");
-    // A name is hashed into the socket directory, which the message names.
-    r = run_process({dv_call_path(), "NoSuchService", "cmd", "{}"}, "", {"DV_SOCKET_DIR=" + dir.path()});
-    EXPECT_EQ(r.status, DV_STATUS_CONNECT);
-    EXPECT_NE(r.err.find("names are looked up in $DV_SOCKET_DIR, now " + dir.path() + ")"), std::string::npos);
-
-    // --wait: a service that comes up while dv-call waits answers it.
-    const std::string late = "@" + dir.file("late.sock");
-    dv_handle* h = nullptr;
-    std::thread starter([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        h = dv_create(late.c_str(), DV_PTHREAD_MODE | DV_STANDALONE, 1, echo_exec);
-        dv_start(h);
-    });
-    r = run_process({dv_call_path(), "--wait", "10", late, "cmd", "{}"});
-    starter.join();
-    dv_free(h);
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out.rfind("cmd|{}|", 0), 0u) << r.out;
-
-    r = run_process({dv_call_path(), svc.name(), std::string(257, 'c'), "{}"});
-    EXPECT_EQ(r.status, DV_STATUS_ARGUMENTS);
-}
-
-TEST(DvCall, BadUsageIsOneLineAndStatusSeven)
-{
-    const std::vector<std::vector<std::string>> bad = {
-        {}, {"only-service"}, {"--timeout"}, {"--timeout", "soon", "svc", "cmd"}, {"--timeout", "-1", "svc", "cmd"},
-        {"--bogus", "svc", "cmd"}, {"svc", "cmd", "{}", "extra"}, {"--wait", "x", "svc", "cmd"}, {"--list"},
-        {"--describe", "svc"}, {"--list", "--describe", "svc", "cmd"}, {"--file", "f", "svc", "cmd", "{}"},
-        {"--file", "/nonexistent/request", "svc", "cmd"},
-    };
-    for (const auto& args : bad) {
-        SCOPED_TRACE(testing::PrintToString(args));
-        std::vector<std::string> argv = {dv_call_path()};
-        argv.insert(argv.end(), args.begin(), args.end());
-        ProcessResult r = run_process(argv);
-        EXPECT_EQ(r.status, DV_STATUS_ARGUMENTS);
-        EXPECT_EQ(r.out, "");
-        EXPECT_NE(r.err.find("usage: dv-call [options] SERVICE COMMAND [JSON|-], or --list SERVICE, or --describe "
-                             "SERVICE COMMAND"),
-                  std::string::npos);
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1);
-    }
 }
 
 // Replies with the request itself, so a row chooses its reply.
@@ -117,22 +48,39 @@ void closing_exec(const char*, dv_io* io, int fd)
     dv_io_free(io);
 }
 
-TEST(DvCall, ListsDescribesChecksAndFormats)
+TEST(DvCall, EachWayOfCallingHasItsOutputAndStatus)
 {
-    TestService described(mirror_exec), silent(closing_exec);
+    TestService echo(echo_exec), described(mirror_exec), silent(closing_exec);
     dv_set_description(described.handle(), describe_commands(DV_SERVICE_NAME, {handler, handler_size}).c_str());
     TempDir dir;
-    const std::string file = dir.file("request.json");
-    std::ofstream(file) << "{\"from\":\"file\"}";
-    const std::string S = described.name(), N = silent.name();
+    const std::string file = dir.file("request.json"), absent = dir.file("absent.sock");
+    ASSERT_TRUE(write_text_file(file, "{\"from\":\"file\"}"));
+    const std::string E = echo.name(), S = described.name(), N = silent.name();
+    auto usage = [](const std::string& what) {
+        return "dv-call: " + what + "; usage: dv-call [options] SERVICE COMMAND [JSON|-], or --list SERVICE, or "
+               "--describe SERVICE COMMAND\n";
+    };
     struct Row {
         std::vector<std::string> args;
         int status;
-        std::string out;  // the whole output, or a line of it after "~"
+        std::string out;  // the whole output; after "^" its start (an echo ends in dv-call's pid); after "~" a line
         std::string err;
-        std::string in = "";
+        std::string in = "", env = "";
     };
     const Row rows[] = {
+        {{E, "cmd", "{\"a\":1}"}, 0, "^cmd|{\"a\":1}|", ""},
+        {{"--timeout", "7", E, "stdin"}, 0, "^stdin|{\"from\":\"stdin\"}|", "", "{\"from\":\"stdin\"}"},
+        {{"--stdout", E, "out", "{}"}, 0, "^extra:out\nout|{}|", ""},
+        {{S, "x", "-"}, 0, "{\"from\":\"stdin\"}", "", "{\"from\":\"stdin\"}"},
+        {{"--file", file, S, "x"}, 0, "{\"from\":\"file\"}", ""},
+        {{"@" + absent, "cmd", "{}"}, DV_STATUS_CONNECT, "",
+         "dv-call: @" + absent + ": no such service (nothing listens at " + absent + ")\n"},
+        {{"NoSuchService", "cmd", "{}"}, DV_STATUS_CONNECT, "",
+         "dv-call: NoSuchService: no such service (nothing listens at " + dir.path() + "/EE328A70.sock" +
+             "; names are looked up in $DV_SOCKET_DIR, now " + dir.path() + ")\n",
+         "", "DV_SOCKET_DIR=" + dir.path()},
+        {{E, std::string(257, 'c'), "{}"}, DV_STATUS_ARGUMENTS, "",
+         "dv-call: " + E + ": bad arguments (service name over 64 or command over 256 characters)\n"},
         {{"--list", S}, 0, "~get_vpd_ext_area {\"offest\": int, \"length\": int}", ""},
         {{"--list", S}, 0, "~web_booth {\"action\"?: string, \"auth_token\"?: string, \"rule_list\"?: "
                            "[{\"bs_id\"?: string, \"des_protocol\"?: string, \"host_name\"?: string, \"des_port\"?: int, "
@@ -154,18 +102,29 @@ TEST(DvCall, ListsDescribesChecksAndFormats)
         {{"--check", S, "x", "{\"error_code\":-2}"}, 8, "{\"error_code\":-2}", "dv-call: the reply reports a failure (\"error_code\" -2)\n"},
         {{"--check", S, "x", "{\"error_code\":0,\"result\":\"-1\"}"}, 0, "{\"error_code\":0,\"result\":\"-1\"}", ""},
         {{"--pretty", S, "x", "{\"b\":1,\"a\":\"x\"}"}, 0, "{\n  \"a\" : \"x\",\n  \"b\" : 1\n}\n", ""},
-        {{"--file", file, S, "x"}, 0, "{\"from\":\"file\"}", ""},
-        {{S, "x", "-"}, 0, "{\"from\":\"stdin\"}", "", "{\"from\":\"stdin\"}"},
         {{"--version"}, 0, std::string("dv-call ") + DV_VERSION_STRING + "\n", ""},
+        {{}, 7, "", usage("missing SERVICE or COMMAND")},
+        {{"--timeout"}, 7, "", usage("--timeout needs a number of seconds")},
+        {{"--timeout", "-1", "svc", "cmd"}, 7, "", usage("--timeout needs a number of seconds")},
+        {{"--wait", "x", "svc", "cmd"}, 7, "", usage("--wait needs a number of seconds")},
+        {{"--bogus", "svc", "cmd"}, 7, "", usage("unknown option --bogus")},
+        {{"svc", "cmd", "{}", "extra"}, 7, "", usage("too many arguments")},
+        {{"--list"}, 7, "", usage("--list takes SERVICE only")},
+        {{"--describe", "svc"}, 7, "", usage("--describe takes SERVICE and COMMAND")},
+        {{"--list", "--describe", "svc", "cmd"}, 7, "", usage("--list and --describe do not go together")},
+        {{"--file", "f", "svc", "cmd", "{}"}, 7, "", usage("the request comes from JSON or --file, not both")},
+        {{"--file", "/nonexistent/request", "svc", "cmd"}, 7, "", usage("cannot read the request from /nonexistent/request")},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(testing::PrintToString(row.args));
         std::vector<std::string> argv = {dv_call_path()};
         argv.insert(argv.end(), row.args.begin(), row.args.end());
-        ProcessResult r = run_process(argv, row.in);
+        ProcessResult r = run_process(argv, row.in, row.env.empty() ? std::vector<std::string>{} : std::vector{row.env});
         EXPECT_EQ(r.status, row.status);
         if (row.out.rfind("~", 0) == 0)
             EXPECT_NE(r.out.find(row.out.substr(1) + "\n"), std::string::npos) << r.out;
+        else if (row.out.rfind("^", 0) == 0)
+            EXPECT_EQ(r.out.rfind(row.out.substr(1), 0), 0u) << r.out;
         else
             EXPECT_EQ(r.out, row.out);
         EXPECT_EQ(r.err, row.err);
@@ -173,6 +132,20 @@ TEST(DvCall, ListsDescribesChecksAndFormats)
     // Every command of the table, one line each.
     ProcessResult r = run_process({dv_call_path(), "--list", S});
     EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 42);
+
+    // --wait: a service that comes up while dv-call waits answers it.
+    const std::string late = "@" + dir.file("late.sock");
+    dv_handle* h = nullptr;
+    std::thread starter([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        h = dv_create(late.c_str(), DV_PTHREAD_MODE | DV_STANDALONE, 1, echo_exec);
+        dv_start(h);
+    });
+    r = run_process({dv_call_path(), "--wait", "10", late, "cmd", "{}"});
+    starter.join();
+    dv_free(h);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out.rfind("cmd|{}|", 0), 0u) << r.out;
 }
 
 }  // namespace
