@@ -23,7 +23,7 @@ public:
     DaemonProcess& operator=(const DaemonProcess&) = delete;
 
     // Starts the daemon with args and waits until both services answer, or
-    // the process has ended (false; its status is then in exit_status()).
+    // the process has ended (false).
     bool start(const std::vector<std::string>& args = {});
     // Starts without waiting for anything.
     pid_t spawn(const std::vector<std::string>& args = {});
@@ -32,7 +32,6 @@ public:
     int stop(int sig = SIGTERM, int timeout_ms = 5000);
     // Waits for the process to end by itself; as stop() without a signal.
     int wait(int timeout_ms = 5000);
-    int exit_status() const { return status_; }
     pid_t pid() const { return pid_; }
 
     // The name the daemon runs under, and the path of that link.

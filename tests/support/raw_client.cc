@@ -10,11 +10,6 @@
 #include <cerrno>
 #include <cstring>
 
-RawClient::~RawClient()
-{
-    close_now();
-}
-
 void RawClient::close_now()
 {
     if (fd_ >= 0)
@@ -35,26 +30,18 @@ bool RawClient::connect_to(const std::string& sockfile)
     return connect(fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0;
 }
 
-bool RawClient::read_directive(dv_directive& d, int timeout_ms)
-{
-    size_t got = 0;
-    char* p = reinterpret_cast<char*>(&d);
-    while (got < sizeof(d)) {
-        struct pollfd pfd = {fd_, POLLIN, 0};
-        if (poll(&pfd, 1, timeout_ms) != 1)
-            return false;
-        ssize_t n = read(fd_, p + got, sizeof(d) - got);
-        if (n <= 0)
-            return false;
-        got += static_cast<size_t>(n);
-    }
-    return true;
-}
-
 int RawClient::next_type(int timeout_ms)
 {
     dv_directive d;
-    return read_directive(d, timeout_ms) ? d.type : -1;
+    char* p = reinterpret_cast<char*>(&d);
+    for (size_t got = 0; got < sizeof(d);) {
+        struct pollfd pfd = {fd_, POLLIN, 0};
+        ssize_t n = poll(&pfd, 1, timeout_ms) == 1 ? read(fd_, p + got, sizeof(d) - got) : -1;
+        if (n <= 0)
+            return -1;
+        got += static_cast<size_t>(n);
+    }
+    return d.type;
 }
 
 bool RawClient::send_directive(uint8_t type, uint8_t flags, const std::string& data)

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "support/env.h"
+#include "support/files.h"
 #include "support/tempdir.h"
 
 #include <optional>
@@ -30,12 +31,12 @@ public:
     // The root on the host, without a trailing slash.
     const std::string& path() const { return root_; }
     // Where a platform path ("/sbin/conf_get") lives on the host.
-    std::string abs(const std::string& platform_path) const;
+    std::string abs(const std::string& platform_path) const { return root_ + platform_path; }
     // Points VEXPROD_PLATFORM_ROOT at this root until the destructor puts the
     // previous value back, for tests that run handlers in this process.
     void make_current();
     // Runs make-root again: back to the initial state, journal empty.
-    void reset();
+    void reset() { make(); }
 
     // Every call in journal order, or only those of one program or library.
     std::vector<SimCall> calls() const;
@@ -60,7 +61,7 @@ public:
     // directories, read_file throws when the file is missing.
     void write_file(const std::string& platform_path, const std::string& text);
     std::string read_file(const std::string& platform_path) const;
-    bool exists(const std::string& platform_path) const;
+    bool exists(const std::string& platform_path) const { return file_exists(abs(platform_path)); }
     void remove(const std::string& platform_path);
 
 private:
