@@ -1,9 +1,7 @@
-// SimRoot: making, reading, steering and removing a simulated platform root.
 #include "support/sim_root.h"
 
 #include "platform/paths.h"
 #include "platform/sim/fields.h"
-#include "platform/sim/simlib.h"
 #include "support/config.h"
 #include "support/files.h"
 #include "support/process.h"
@@ -33,12 +31,6 @@ void SimRoot::make()
 {
     if (run_process({source_dir() + "/platform/sim/make-root", root_, "--build", binary_dir()}, "", {}, 120000).status != 0)
         throw std::runtime_error("make-root " + root_ + " failed");
-}
-
-void SimRoot::make_current()
-{
-    env_.reset();
-    env_.emplace("VEXPROD_PLATFORM_ROOT", root_.c_str());
 }
 
 std::vector<SimCall> SimRoot::calls() const
@@ -73,31 +65,6 @@ std::vector<SimCall> SimRoot::calls(const std::string& who) const
     std::vector<SimCall> some = calls();
     std::erase_if(some, [&](const SimCall& c) { return c.who != who; });
     return some;
-}
-
-void SimRoot::clear_calls()
-{
-    write_file(sim::JOURNAL, "");
-}
-
-void SimRoot::set_output(const std::string& program, const std::string& text)
-{
-    write_file(sim::STEER_DIR + program + ".out", text);
-}
-
-void SimRoot::set_stderr(const std::string& program, const std::string& text)
-{
-    write_file(sim::STEER_DIR + program + ".err", text);
-}
-
-void SimRoot::set_exit(const std::string& program, int status)
-{
-    write_file(sim::STEER_DIR + program + ".exit", std::to_string(status) + "\n");
-}
-
-void SimRoot::set_delay_ms(const std::string& program, int ms)
-{
-    write_file(sim::STEER_DIR + program + ".delay", std::to_string(ms) + "\n");
 }
 
 void SimRoot::grant_everyone()
