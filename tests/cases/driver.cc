@@ -25,6 +25,7 @@
 #include "dv.h"
 #include "platform/paths.h"
 #include "support/daemon_suite.h"
+#include "support/death.h"
 #include "support/other_user.h"
 
 namespace fs = std::filesystem;
@@ -355,17 +356,10 @@ private:
             return expect("listing of " + p, what, listing(host));
         if (what == "absent")
             return expect(p, "absent", there ? "present" : "absent");
-        if (what.rfind("mode ", 0) == 0) {
-            const std::string mode = format_mode(st);
-            return expect("mode and owner of " + p, what.substr(5), there ? mode : "missing");
-        }
+        if (what.rfind("mode ", 0) == 0)
+            return expect("mode and owner of " + p, what.substr(5),
+                          there ? format_text("%o %u", unsigned(st.st_mode), unsigned(st.st_uid)) : "missing");
         expect(p, expand(text_arg(what)), read_text_file(host));
-    }
-    static std::string format_mode(const struct stat& st)
-    {
-        char mode[32];
-        snprintf(mode, sizeof(mode), "%o %u", static_cast<unsigned>(st.st_mode), static_cast<unsigned>(st.st_uid));
-        return mode;
     }
 
     // ~ "text": the log since the case began holds it; ~N "text": N times.
