@@ -2,7 +2,7 @@
 // against the daemon binary on a simulated root: one daemon per file, each
 // row's reply, journal, files and log lines compared exactly, and at the end
 // a clean stop with the daemon's descriptor count where it began.
-//   driver FILE                one file
+//   driver FILE...             the files in turn, as one test
 //   driver --coverage FILE...  every command of both tables has a case
 #include <fcntl.h>
 #include <gtest/gtest.h>
