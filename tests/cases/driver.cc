@@ -2,7 +2,7 @@
 // against the daemon binary on a simulated root: one daemon per file, each
 // row's reply, journal, files and log lines compared exactly, and at the end
 // a clean stop with the daemon's descriptor count where it began.
-//   driver FILE...             one test per file
+//   driver FILE...             the files in turn, as one test
 //   driver --coverage FILE...  every command of both tables has a case
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -11,29 +11,30 @@
 
 #include <filesystem>
 #include <fstream>
+#include <cerrno>
+#include <cstring>
 #include <map>
 #include <optional>
 #include <set>
 #include <span>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "daemon/command_table.h"
-#include "handlers/registry.h"
 #include "daemon/json.h"
 #include "dv.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
-#include "sim/simlib.h"
 #include "support/daemon_suite.h"
-#include "support/env.h"
-#include "support/files.h"
+#include "support/death.h"
 #include "support/other_user.h"
-#include "support/settle.h"
 
 namespace fs = std::filesystem;
 
 namespace {
+
+std::vector<std::string> g_files;
+bool g_coverage = false;
 
 struct Line {
     int no;
@@ -65,12 +66,10 @@ std::string unescape(const std::string& s)
             continue;
         }
         char c = s[++i];
-        if (c == 'x' && i + 2 < s.size() + 1) {
-            out += static_cast<char>(std::stoi(s.substr(i + 1, 2), nullptr, 16));
-            i += 2;
-        } else {
+        if (c == 'x')
+            out += static_cast<char>(std::stoi(s.substr(i + 1, 2), nullptr, 16)), i += 2;
+        else
             out += c == 'n' ? '\n' : c == 't' ? '\t' : c == 'r' ? '\r' : c == '0' ? '\0' : c;
-        }
     }
     return out;
 }
@@ -104,6 +103,19 @@ std::string listing(const std::string& dir)
     return out;
 }
 
+std::string json_text(const Json::Value& v)
+{
+    std::string s = json_write(v);
+    s.pop_back();
+    return s;
+}
+
+void need(bool ok)
+{
+    if (!ok)
+        throw std::runtime_error(strerror(errno));
+}
+
 class CaseFile {
 public:
     explicit CaseFile(std::string file) : file_(std::move(file)) {}
@@ -126,7 +138,7 @@ public:
             check_journal();
             if (!replies_.empty())
                 fail("calls without a \"<\" line"), replies_.clear();
-            EXPECT_EQ(listing(captures_.path()), "") << where() << "capture files left behind";
+            expect("capture files left behind", "", listing(captures_.path()));
             if (fds_ < 0 && daemon_)
                 fds_ = settled_fd_count(daemon_->pid());
         }
@@ -134,12 +146,11 @@ public:
     }
 
 private:
-    std::string where() const { return file_ + ":" + std::to_string(line_) + ": "; }
     void fail(const std::string& what) const { ADD_FAILURE_AT(file_.c_str(), line_) << what; }
     void expect(const std::string& what, const std::string& want, const std::string& got) const
     {
         if (want != got)
-            fail(what + "\n  want: " + json_write(Json::Value(want)) + "  got:  " + json_write(Json::Value(got)));
+            fail(what + "\n  want: " + json_text(want) + "\n  got:  " + json_text(got));
     }
 
     void start()
@@ -150,17 +161,16 @@ private:
         daemon_ = std::make_unique<DaemonProcess>(root_);
         bool started = start_daemon(*daemon_, captures_);
         close(stray);
-        ASSERT_TRUE(started) << daemon_->stderr_text();
-        ASSERT_TRUE(allow_search(daemon_->socket_dir()) && allow_search(root_.path()));
+        if (!started || !allow_search(daemon_->socket_dir()) || !allow_search(root_.path()))
+            throw std::runtime_error("the daemon did not start: " + daemon_->stderr_text());
         fds_ = -1;
     }
     void stop()
     {
         if (!daemon_)
             return;
-        if (fds_ >= 0) {
-            EXPECT_EQ(settled_fd_count(daemon_->pid()), fds_) << where() << "descriptors left open";
-        }
+        if (fds_ >= 0)
+            expect("descriptors open", std::to_string(fds_), std::to_string(settled_fd_count(daemon_->pid())));
         expect_clean_stop(*daemon_);
         daemon_.reset();
     }
@@ -182,24 +192,19 @@ private:
             s.replace(at, 6, root_.path());
         std::string out;
         size_t at = 0;
-        for (size_t open; (open = s.find("<<", at)) != std::string::npos;) {
-            size_t close = s.find(">>", open + 2);
-            if (close == std::string::npos)
-                break;
+        for (size_t open, close; (open = s.find("<<", at)) != std::string::npos &&
+                                 (close = s.find(">>", open + 2)) != std::string::npos;
+             at = close + 2) {
             out += s.substr(at, open - at);
             std::string inner = s.substr(open + 2, close - open - 2);
-            size_t star = inner.find('*');
-            if (inner.rfind("b64 ", 0) == 0) {
+            size_t star = inner.find_first_not_of("0123456789");
+            if (inner.rfind("b64 ", 0) == 0)
                 out += encode_base64(unescape(inner.substr(4)));
-            } else if (star != std::string::npos && star > 0 &&
-                       inner.find_first_not_of("0123456789") == star) {
-                std::string piece = unescape(inner.substr(star + 1));
-                for (int n = std::stoi(inner.substr(0, star)); n > 0; --n)
-                    out += piece;
-            } else {
+            else if (star > 0 && star != std::string::npos && inner[star] == '*')
+                for (int n = std::stoi(inner); n > 0; --n)
+                    out += unescape(inner.substr(star + 1));
+            else
                 out += unescape(inner);
-            }
-            at = close + 2;
         }
         return out + s.substr(at);
     }
@@ -210,20 +215,20 @@ private:
     void step(const std::string& text)
     {
         auto [verb, rest] = word(text);
+        auto [a, b] = word(rest);
         if (verb != "$")
             check_journal();
         if (verb[0] == '>')
-            return call(verb.substr(1), rest);
-        if (verb == "<")
-            return check_reply(rest);
-        if (verb == "$")
-            return journal_.push_back(rest);
-        if (verb == "=")
-            return check_file(rest);
-        if (verb == "~" || verb[0] == '~')
-            return check_log(verb.substr(1), rest);
-        auto [a, b] = word(rest);
-        if (verb == "exit")
+            call(verb.substr(1), rest);
+        else if (verb == "<")
+            check_replies(rest);
+        else if (verb == "$")
+            journal_.push_back(rest);
+        else if (verb == "=")
+            check_file(a, b);
+        else if (verb[0] == '~')
+            check_log(verb.substr(1), rest);
+        else if (verb == "exit")
             root_.set_exit(a, std::stoi(b));
         else if (verb == "out")
             root_.set_output(a, expand(text_arg(b)));
@@ -235,20 +240,18 @@ private:
             root_.remove(expand(rest));
         else if (verb == "add")
             root_.add_program(rest);
-        else if (verb == "mkdir") {
-            fs::create_directories(path(a));
-            ASSERT_TRUE(b.empty() || chmod(path(a).c_str(), std::stoi(b, nullptr, 8)) == 0) << where();
-        }
+        else if (verb == "mkdir")
+            fs::create_directories(path(a)), need(b.empty() || chmod(path(a).c_str(), std::stoi(b, nullptr, 8)) == 0);
         else if (verb == "chmod")
-            ASSERT_EQ(chmod(path(a).c_str(), std::stoi(b, nullptr, 8)), 0) << where();
+            need(chmod(path(a).c_str(), std::stoi(b, nullptr, 8)) == 0);
         else if (verb == "chown")
-            ASSERT_EQ(lchown(path(a).c_str(), std::stoi(b), std::stoi(b)), 0) << where();
+            need(lchown(path(a).c_str(), std::stoi(b), std::stoi(b)) == 0);
         else if (verb == "ln")
             fs::create_symlink(source(a), path(b));
         else if (verb == "hardln")
             fs::create_hard_link(path(a), path(b));
         else if (verb == "mkfifo")
-            ASSERT_EQ(mkfifo(path(rest).c_str(), 0666), 0) << where();
+            need(mkfifo(path(rest).c_str(), 0666) == 0);
         else if (verb == "cp")
             fs::copy_file(source(a), path(b), fs::copy_options::overwrite_existing);
         else if (verb == "reset")  // a fresh root, so a fresh daemon (its log was in the old one)
@@ -257,20 +260,17 @@ private:
             hidden_.insert(rest);
         else if (verb == "as")
             uid_ = rest == "nobody" ? kSpareUid : rest == "root" ? 0 : std::stoi(rest);
-        else if (verb == "policy") {
-            if (!rest.empty())
-                root_.write_file(PATH_CALLER_POLICY, policy_ + text_arg(rest));
-            ASSERT_TRUE(reload_policy(root_, *daemon_)) << where();
-        } else if (verb == "stop")
+        else if (verb == "policy")
+            need(reload_policy(root_, *daemon_, rest.empty() ? "" : policy_ + text_arg(rest)));
+        else if (verb == "stop")
             stop();
         else if (verb == "start") {  // start [NAME=VALUE]: with that in its environment
             std::optional<ScopedEnv> env;
             if (size_t eq = rest.find('='); eq != std::string::npos)
-                env.emplace(rest.substr(0, eq).c_str(), rest.substr(eq + 1).c_str());
+                env.emplace(rest.substr(0, eq).c_str(), rest.c_str() + eq + 1);
             start();
             begin_case();
-        }
-        else
+        } else
             throw std::runtime_error("unknown line");
     }
 
@@ -279,21 +279,16 @@ private:
         auto [command, request] = word(rest);
         command = expand(command);
         request = expand(request);
-        const bool mail = how.find("mail") != std::string::npos;
         int fds[2] = {-1, -1};
-        if (how.find("fd") != std::string::npos && pipe2(fds, O_CLOEXEC) != 0)
-            throw std::runtime_error("no pipe");
+        if (how == "fd")
+            need(pipe2(fds, O_CLOEXEC) == 0);
         auto once = [&] {
             int st = -1;
-            std::string r = mail ? daemon_->call_mail(command, request, &st) : daemon_->call(command, request, &st, fds[1]);
+            std::string r = how == "mail" ? daemon_->call_mail(command, request, &st)
+                                          : daemon_->call(command, request, &st, fds[1]);
             return std::to_string(st) + "|" + r;
         };
-        std::string got;
-        if (uid_ == 0) {
-            got = once();
-        } else {
-            got = run_as(uid_, uid_, once).value_or("-1|<the other user's client failed>");
-        }
+        std::string got = uid_ == 0 ? once() : run_as(uid_, uid_, once).value_or("-1|<the other user's client failed>");
         for (int fd : fds)
             if (fd >= 0)
                 close(fd);
@@ -302,19 +297,7 @@ private:
     }
 
     // The reply of every call since the last "<" line.
-    void check_reply(const std::string& rest)
-    {
-        if (replies_.empty())
-            return fail("no call to compare");
-        const int at = line_;
-        for (const Reply& r : replies_) {
-            line_ = r.line;
-            check_reply(rest, r.status, r.text);
-        }
-        line_ = at;
-        replies_.clear();
-    }
-    void check_reply(const std::string& rest, int status, const std::string& reply) const
+    void check_replies(const std::string& rest)
     {
         static const std::map<std::string, std::pair<int, std::string>> shorthand = {
             {"ok", {DV_STATUS_OK, kOk}},
@@ -324,16 +307,23 @@ private:
             {"closed", {DV_STATUS_SOCKET, ""}},
             {"rejected", {DV_STATUS_REJECTED, ""}},
         };
-        std::pair<int, std::string> want = {DV_STATUS_OK, expand(rest) + "\n"};
-        if (auto it = shorthand.find(rest); it != shorthand.end())
-            want = it->second;
-        else if (rest.rfind("fail ", 0) == 0)
-            want.second = failure(rest.substr(5));
-        else if (rest[0] == '^' && reply.rfind(expand(rest.substr(1)), 0) == 0)
-            want.second = reply;
-        expect("reply", want.second, reply);
-        if (status != want.first)
-            fail("client status " + std::to_string(status) + ", want " + std::to_string(want.first));
+        if (replies_.empty())
+            return fail("no call to compare");
+        const int at = line_;
+        for (const Reply& r : replies_) {
+            line_ = r.line;
+            std::pair<int, std::string> want = {DV_STATUS_OK, expand(rest) + "\n"};
+            if (auto it = shorthand.find(rest); it != shorthand.end())
+                want = it->second;
+            else if (rest.rfind("fail ", 0) == 0)
+                want.second = failure(rest.substr(5));
+            else if (rest[0] == '^' && r.text.rfind(expand(rest.substr(1)), 0) == 0)
+                want.second = r.text;
+            expect("reply", want.second, r.text);
+            expect("client status", std::to_string(want.first), std::to_string(r.status));
+        }
+        line_ = at;
+        replies_.clear();
     }
 
     void check_journal()
@@ -350,11 +340,7 @@ private:
             Json::Value argv(Json::arrayValue);
             for (const std::string& a : c.argv)
                 argv.append(a);
-            std::string line = json_write(argv);
-            line.pop_back();
-            if (c.input)
-                line += " " + json_write(Json::Value(*c.input)).substr(0, json_write(Json::Value(*c.input)).size() - 1);
-            got += c.who + " " + line + "\n";
+            got += c.who + " " + json_text(argv) + (c.input ? " " + json_text(*c.input) : "") + "\n";
         }
         journal_.clear();
         root_.clear_calls();
@@ -362,9 +348,8 @@ private:
             fail("journal\n--- want\n" + want + "--- got\n" + got);
     }
 
-    void check_file(const std::string& rest)
+    void check_file(const std::string& p, const std::string& what)
     {
-        auto [p, what] = word(rest);
         const std::string host = path(p);
         struct stat st;
         const bool there = lstat(host.c_str(), &st) == 0;
@@ -372,19 +357,17 @@ private:
             return expect("listing of " + p, what, listing(host));
         if (what == "absent")
             return expect(p, "absent", there ? "present" : "absent");
-        if (what.rfind("mode ", 0) == 0) {
-            char mode[32];
-            snprintf(mode, sizeof(mode), "%o %u", static_cast<unsigned>(st.st_mode), static_cast<unsigned>(st.st_uid));
-            return expect("mode and owner of " + p, what.substr(5), there ? mode : "missing");
-        }
+        if (what.rfind("mode ", 0) == 0)
+            return expect("mode and owner of " + p, what.substr(5),
+                          there ? format_text("%o %u", unsigned(st.st_mode), unsigned(st.st_uid)) : "missing");
         expect(p, expand(text_arg(what)), read_text_file(host));
     }
 
     // ~ "text": the log since the case began holds it; ~N "text": N times.
+    // Audit lines follow their reply: they get a moment.
     void check_log(const std::string& n, const std::string& rest)
     {
         const std::string text = expand(text_arg(rest));
-        // Audit lines follow their reply: give them a moment.
         std::string log;
         size_t count = 0;
         auto found = [&] {
@@ -395,7 +378,8 @@ private:
             return n.empty() ? count > 0 : count == std::stoul(n);
         };
         if (!eventually(found, n == "0" ? 0 : 2000))
-            fail("the log has \"" + text + "\" " + std::to_string(count) + " times; its end since the case began:\n" + log.substr(log.size() > 2000 ? log.size() - 2000 : 0));
+            fail("the log has \"" + text + "\" " + std::to_string(count) + " times; its end since the case began:\n" +
+                 log.substr(log.size() > 2000 ? log.size() - 2000 : 0));
     }
 
     std::string file_;
@@ -416,15 +400,20 @@ private:
     size_t log_mark_ = 0;
 };
 
-// Every command of both tables has a case, and no table names one twice.
-void check_coverage(const std::vector<std::string>& files)
+TEST(Cases, Run)
 {
+    if (!g_coverage) {
+        for (const std::string& f : g_files)
+            CaseFile(f).run();
+        return;
+    }
+    // Every command of both tables has a case, and no table names one twice.
     std::set<std::string> called[2];
-    for (const std::string& f : files)
+    for (const std::string& f : g_files)
         for (const auto& p : paragraphs(f))
             for (const Line& l : p)
                 if (l.text[0] == '>')
-                    called[l.text.find("mail") < l.text.find(' ')].insert(word(word(l.text).second).first);
+                    called[word(l.text).first == ">mail"].insert(word(word(l.text).second).first);
     const std::span<const T_COMMAND_ENTRY> tables[] = {{handler, handler_size},
                                                        {sendmail_handler, sendmail_handler_size}};
     for (int t = 0; t < 2; ++t) {
@@ -436,27 +425,12 @@ void check_coverage(const std::vector<std::string>& files)
     }
 }
 
-// A test whose body is a function: the files are named on the command line.
-struct Body : testing::Test {
-    explicit Body(std::function<void()> f) : body(std::move(f)) {}
-    void TestBody() override { body(); }
-    std::function<void()> body;
-};
-
 }  // namespace
 
 int main(int argc, char** argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    const bool coverage = argc > 1 && std::string(argv[1]) == "--coverage";
-    std::vector<std::string> files(argv + 1 + coverage, argv + argc);
-    auto add = [](const std::string& name, const char* file, std::function<void()> f) {
-        testing::RegisterTest("cases", name.c_str(), nullptr, nullptr, file, 1,
-                              [f]() -> testing::Test* { return new Body(f); });
-    };
-    if (coverage)
-        add("coverage", __FILE__, [files] { check_coverage(files); });
-    for (size_t i = 0; !coverage && i < files.size(); ++i)
-        add(fs::path(files[i]).stem(), files[i].c_str(), [f = files[i]] { CaseFile(f).run(); });
+    g_coverage = argc > 1 && std::string(argv[1]) == "--coverage";
+    g_files.assign(argv + 1 + g_coverage, argv + argc);
     return RUN_ALL_TESTS();
 }

@@ -7,7 +7,6 @@
 #include "daemon/strutil.h"
 #include "platform/paths.h"
 #include "support/env.h"
-#include "support/settle.h"
 
 std::string failure(const std::string& handler)
 {
@@ -23,7 +22,6 @@ std::string encode_base64(const std::string& bytes)
 
 bool start_daemon(DaemonProcess& daemon, const TempDir& captures)
 {
-    // Only the daemon runs with it: the test's own files are made already.
     ScopedEnv tmpdir("TMPDIR", captures.path().c_str());
     return daemon.start();
 }
@@ -36,11 +34,10 @@ void expect_clean_stop(DaemonProcess& daemon)
 
 bool reload_policy(SimRoot& root, const DaemonProcess& daemon, const std::string& text)
 {
-    const std::string tag = "] [load_caller_policy][";
     auto reads = [&] {
         const std::string log = daemon.debug_log();
         size_t n = 0;
-        for (size_t at = log.find(tag); at != std::string::npos; at = log.find(tag, at + 1))
+        for (size_t at = 0; (at = log.find("] [load_caller_policy][", at)) != std::string::npos; ++at)
             ++n;
         return n;
     };

@@ -1,4 +1,4 @@
-// Setting an environment variable for the length of a scope.
+// An environment variable set (value) or unset (null) for a scope.
 #pragma once
 
 #include <optional>
@@ -6,7 +6,6 @@
 
 class ScopedEnv {
 public:
-    // value null unsets the variable; the old state comes back on destruction.
     ScopedEnv(const char* name, const char* value);
     ~ScopedEnv();
     ScopedEnv(const ScopedEnv&) = delete;

@@ -1,4 +1,3 @@
-// Reading and writing whole files in tests.
 #pragma once
 
 #include <sys/types.h>
@@ -7,6 +6,5 @@
 
 // The whole content, or "" when the file cannot be read.
 std::string read_text_file(const std::string& path);
-// Creates or truncates path with mode (before umask); false on failure.
 bool write_text_file(const std::string& path, const std::string& content, mode_t mode = 0644);
 bool file_exists(const std::string& path);

@@ -1,43 +1,36 @@
-// FakeNotifyService: a one-worker dv_ service whose callback records the
-// command and request text and answers {"result":0}.
 #include "support/notify_service.h"
 
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <cstdlib>
 
 namespace {
 
-// The exec callback has no user pointer, hence one instance at a time.
-std::atomic<FakeNotifyService*> g_current{nullptr};
-
-constexpr const char kServiceName[] = "VexProServer_notify-vexprod";
+// The exec callback has no user pointer.
+FakeNotifyService* g_current = nullptr;
 
 }  // namespace
 
 FakeNotifyService::FakeNotifyService()
 {
-    env_.emplace("DV_SOCKET_DIR", sockets_.path().c_str());
-    FakeNotifyService* expected = nullptr;
-    if (!g_current.compare_exchange_strong(expected, this))
+    if (g_current)
         abort();
+    g_current = this;
     start();
 }
 
 FakeNotifyService::~FakeNotifyService()
 {
     stop();
-    g_current.store(nullptr);
+    g_current = nullptr;
 }
 
 void FakeNotifyService::start()
 {
-    if (handle_)
-        return;
-    handle_ = dv_create(kServiceName, DV_PTHREAD_MODE | DV_STANDALONE, 1, exec);
-    dv_start(handle_);
+    if (!handle_) {
+        handle_ = dv_create("VexProServer_notify-vexprod", DV_PTHREAD_MODE | DV_STANDALONE, 1, exec);
+        dv_start(handle_);
+    }
 }
 
 void FakeNotifyService::stop()
@@ -59,19 +52,15 @@ bool FakeNotifyService::wait_calls(size_t n, int timeout_ms) const
     return arrived_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return calls_.size() >= n; });
 }
 
-void FakeNotifyService::record(NotifyCall call)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back(std::move(call));
-    arrived_.notify_all();
-}
-
 void FakeNotifyService::exec(const char* name, dv_io* io, int fd)
 {
     size_t size = 0;
     const char* request = dv_io_read(io, &size);
-    if (FakeNotifyService* self = g_current.load())
-        self->record({name, std::string(request ? request : "", request ? size : 0)});
+    {
+        std::lock_guard<std::mutex> lock(g_current->mutex_);
+        g_current->calls_.push_back({name, std::string(request ? request : "", request ? size : 0)});
+        g_current->arrived_.notify_all();
+    }
     if (fd >= 0)
         close(fd);
     dv_io_realloc(io, 0);

@@ -1,6 +1,7 @@
 // A stand-in for the app's notification service: serves the real name
 // "VexProServer_notify-vexprod" from a private socket directory (DV_SOCKET_DIR
-// points there while the object lives) and records every call it receives.
+// points there while the object lives), records every call and answers
+// {"result":0}. One instance at a time.
 #pragma once
 
 #include <condition_variable>
@@ -20,27 +21,25 @@ struct NotifyCall {
 
 class FakeNotifyService {
 public:
-    // Starts serving at once. One instance at a time.
     FakeNotifyService();
     ~FakeNotifyService();
     FakeNotifyService(const FakeNotifyService&) = delete;
     FakeNotifyService& operator=(const FakeNotifyService&) = delete;
 
     // Takes the service away (callers then fail to connect) and brings it
-    // back; the socket directory and the recorded calls stay.
+    // back; the socket directory and the calls stay.
     void stop();
     void start();
 
     std::vector<NotifyCall> calls() const;
-    // Waits until at least n calls have arrived; false on timeout.
+    // Until at least n calls have arrived; false on timeout.
     bool wait_calls(size_t n, int timeout_ms = 5000) const;
 
 private:
     static void exec(const char* name, dv_io* io, int fd);
-    void record(NotifyCall call);
 
     TempDir sockets_;
-    std::optional<ScopedEnv> env_;
+    ScopedEnv env_{"DV_SOCKET_DIR", sockets_.path().c_str()};
     dv_handle* handle_ = nullptr;
     mutable std::mutex mutex_;
     mutable std::condition_variable arrived_;

@@ -10,11 +10,6 @@
 #include <cerrno>
 #include <cstring>
 
-RawClient::~RawClient()
-{
-    close_now();
-}
-
 void RawClient::close_now()
 {
     if (fd_ >= 0)
@@ -25,42 +20,30 @@ void RawClient::close_now()
 bool RawClient::connect_to(const std::string& sockfile)
 {
     close_now();
-    fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd_ < 0)
-        return false;
-    struct sockaddr_un addr;
-    memset(&addr, 0, sizeof(addr));
+    struct sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
     snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", sockfile.c_str());
-    return connect(fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0;
-}
-
-bool RawClient::read_directive(dv_directive& d, int timeout_ms)
-{
-    size_t got = 0;
-    char* p = reinterpret_cast<char*>(&d);
-    while (got < sizeof(d)) {
-        struct pollfd pfd = {fd_, POLLIN, 0};
-        if (poll(&pfd, 1, timeout_ms) != 1)
-            return false;
-        ssize_t n = read(fd_, p + got, sizeof(d) - got);
-        if (n <= 0)
-            return false;
-        got += static_cast<size_t>(n);
-    }
-    return true;
+    fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    return fd_ >= 0 && connect(fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0;
 }
 
 int RawClient::next_type(int timeout_ms)
 {
     dv_directive d;
-    return read_directive(d, timeout_ms) ? d.type : -1;
+    char* p = reinterpret_cast<char*>(&d);
+    for (size_t got = 0; got < sizeof(d);) {
+        struct pollfd pfd = {fd_, POLLIN, 0};
+        ssize_t n = poll(&pfd, 1, timeout_ms) == 1 ? read(fd_, p + got, sizeof(d) - got) : -1;
+        if (n <= 0)
+            return -1;
+        got += static_cast<size_t>(n);
+    }
+    return d.type;
 }
 
 bool RawClient::send_directive(uint8_t type, uint8_t flags, const std::string& data)
 {
-    dv_directive d;
-    memset(&d, 0, sizeof(d));
+    dv_directive d = {};
     d.type = type;
     d.flags = flags;
     memcpy(d.data, data.data(), std::min(data.size(), sizeof(d.data)));
@@ -76,18 +59,16 @@ bool RawClient::send_fd(int fd)
 {
     char byte = 0;
     struct iovec iov = {&byte, 1};
-    char control[CMSG_SPACE(sizeof(int))];
-    memset(control, 0, sizeof(control));
-    struct msghdr msg;
-    memset(&msg, 0, sizeof(msg));
+    alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    struct msghdr msg = {};
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
     msg.msg_control = control;
     msg.msg_controllen = CMSG_LEN(sizeof(int));
     struct cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+    cmsg->cmsg_len = CMSG_LEN(sizeof(int));
     cmsg->cmsg_level = SOL_SOCKET;
     cmsg->cmsg_type = SCM_RIGHTS;
-    cmsg->cmsg_len = CMSG_LEN(sizeof(int));
     memcpy(CMSG_DATA(cmsg), &fd, sizeof(int));
     return sendmsg(fd_, &msg, MSG_NOSIGNAL) == 1;
 }
@@ -131,27 +112,16 @@ std::optional<std::string> raw_call(const std::string& sockfile, const std::stri
 {
     RawClient c;
     int last = -1;
-    auto fail = [&]() -> std::optional<std::string> {
-        if (failed_type)
-            *failed_type = last;
-        return std::nullopt;
-    };
-    if (!c.connect_to(sockfile))
-        return fail();
-    last = c.next_type(10000);
-    if (last != DV_DIRECTIVE_ACCEPT)
-        return fail();
-    int memfd = make_request_memfd(request);
-    bool sent = c.send_directive(DV_DIRECTIVE_REQUEST, extra_fd >= 0 ? DV_DIRECTIVE_FLAG_EXTRA_FD : 0, name) &&
-                c.send_fd(memfd) && (extra_fd < 0 || c.send_fd(extra_fd));
-    if (!sent) {
+    std::optional<std::string> reply;
+    if (c.connect_to(sockfile) && (last = c.next_type(10000)) == DV_DIRECTIVE_ACCEPT) {
+        int memfd = make_request_memfd(request);
+        if (c.send_directive(DV_DIRECTIVE_REQUEST, extra_fd >= 0 ? DV_DIRECTIVE_FLAG_EXTRA_FD : 0, name) &&
+            c.send_fd(memfd) && (extra_fd < 0 || c.send_fd(extra_fd)) &&
+            (last = c.next_type(10000)) == DV_DIRECTIVE_REPLY)
+            reply = read_fd_text(memfd);
         close(memfd);
-        return fail();
     }
-    last = c.next_type(10000);
-    std::string reply = read_fd_text(memfd);
-    close(memfd);
-    if (last != DV_DIRECTIVE_REPLY)
-        return fail();
+    if (!reply && failed_type)
+        *failed_type = last;
     return reply;
 }

@@ -10,7 +10,7 @@
 class RawClient {
 public:
     RawClient() = default;
-    ~RawClient();
+    ~RawClient() { close_now(); }
     RawClient(const RawClient&) = delete;
     RawClient& operator=(const RawClient&) = delete;
 
@@ -18,10 +18,7 @@ public:
     int fd() const { return fd_; }
     void close_now();
 
-    // Waits up to timeout_ms for one whole directive; false on timeout,
-    // hang-up or a short read.
-    bool read_directive(dv_directive& d, int timeout_ms = 5000);
-    // The type of the next directive, or -1 (timeout or hang-up).
+    // The type of the next whole directive, or -1 (timeout or hang-up).
     int next_type(int timeout_ms = 5000);
     bool send_directive(uint8_t type, uint8_t flags = 0, const std::string& data = "");
     bool send_bytes(const void* data, size_t len);

@@ -1,19 +1,13 @@
-// SimRoot: making, reading, steering and removing a simulated platform root.
 #include "support/sim_root.h"
 
 #include "platform/paths.h"
 #include "sim/fields.h"
-#include "sim/simlib.h"
 #include "support/config.h"
 #include "support/files.h"
+#include "support/process.h"
 
-#include <cerrno>
 #include <filesystem>
-#include <spawn.h>
 #include <stdexcept>
-#include <sys/wait.h>
-
-extern char** environ;
 
 namespace fs = std::filesystem;
 
@@ -35,34 +29,8 @@ SimRoot::~SimRoot()
 
 void SimRoot::make()
 {
-    std::string script = source_dir() + "/sim/make-root";
-    std::string build = binary_dir();
-    std::string option = "--build";
-    std::vector<char*> argv = {script.data(), root_.data(), option.data(), build.data(), nullptr};
-    pid_t pid = 0;
-    if (posix_spawn(&pid, script.c_str(), nullptr, nullptr, argv.data(), environ) != 0)
-        throw std::runtime_error("cannot run " + script);
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+    if (run_process({source_dir() + "/sim/make-root", root_, "--build", binary_dir()}, "", {}, 120000).status != 0)
         throw std::runtime_error("make-root " + root_ + " failed");
-}
-
-std::string SimRoot::abs(const std::string& platform_path) const
-{
-    return root_ + platform_path;
-}
-
-void SimRoot::make_current()
-{
-    env_.reset();
-    env_.emplace("VEXPROD_PLATFORM_ROOT", root_.c_str());
-}
-
-void SimRoot::reset()
-{
-    make();
 }
 
 std::vector<SimCall> SimRoot::calls() const
@@ -94,36 +62,9 @@ std::vector<SimCall> SimRoot::calls() const
 
 std::vector<SimCall> SimRoot::calls(const std::string& who) const
 {
-    std::vector<SimCall> all = calls(), some;
-    for (SimCall& c : all)
-        if (c.who == who)
-            some.push_back(std::move(c));
+    std::vector<SimCall> some = calls();
+    std::erase_if(some, [&](const SimCall& c) { return c.who != who; });
     return some;
-}
-
-void SimRoot::clear_calls()
-{
-    write_file(sim::JOURNAL, "");
-}
-
-void SimRoot::set_output(const std::string& program, const std::string& text)
-{
-    write_file(sim::STEER_DIR + program + ".out", text);
-}
-
-void SimRoot::set_stderr(const std::string& program, const std::string& text)
-{
-    write_file(sim::STEER_DIR + program + ".err", text);
-}
-
-void SimRoot::set_exit(const std::string& program, int status)
-{
-    write_file(sim::STEER_DIR + program + ".exit", std::to_string(status) + "\n");
-}
-
-void SimRoot::set_delay_ms(const std::string& program, int ms)
-{
-    write_file(sim::STEER_DIR + program + ".delay", std::to_string(ms) + "\n");
 }
 
 void SimRoot::grant_everyone()
@@ -155,11 +96,6 @@ std::string SimRoot::read_file(const std::string& platform_path) const
     if (!exists(platform_path))
         throw std::runtime_error("no file " + platform_path + " in the simulated root");
     return read_text_file(abs(platform_path));
-}
-
-bool SimRoot::exists(const std::string& platform_path) const
-{
-    return file_exists(abs(platform_path));
 }
 
 void SimRoot::remove(const std::string& platform_path)

@@ -1,0 +1,234 @@
+// The small helpers every kind of test shares: where the build is, scoped
+// environment, whole files, descriptor counts, waiting, temporary
+// directories, death-test patterns and the captured debug log.
+#include <dirent.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdarg>
+#include <cstring>
+#include <thread>
+
+#include "daemon/log.h"
+#include "support/config.h"
+#include "support/death.h"
+#include "support/debug_log.h"
+#include "support/env.h"
+#include "support/fds.h"
+#include "support/files.h"
+#include "support/settle.h"
+#include "support/tempdir.h"
+
+const std::string& source_dir()
+{
+    static const std::string dir = VEXPROD_SOURCE_DIR;
+    return dir;
+}
+
+const std::string& binary_dir()
+{
+    static const std::string dir = VEXPROD_BINARY_DIR;
+    return dir;
+}
+
+ScopedEnv::ScopedEnv(const char* name, const char* value) : name_(name)
+{
+    if (const char* old = getenv(name))
+        old_ = old;
+    value ? setenv(name, value, 1) : unsetenv(name);
+}
+
+ScopedEnv::~ScopedEnv()
+{
+    old_ ? setenv(name_.c_str(), old_->c_str(), 1) : unsetenv(name_.c_str());
+}
+
+std::string read_text_file(const std::string& path)
+{
+    std::string content;
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    char buf[65536];
+    for (ssize_t got; fd >= 0 && (got = read(fd, buf, sizeof(buf))) > 0;)
+        content.append(buf, static_cast<size_t>(got));
+    if (fd >= 0)
+        close(fd);
+    return content;
+}
+
+bool write_text_file(const std::string& path, const std::string& content, mode_t mode)
+{
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+    if (fd < 0)
+        return false;
+    bool ok = write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size());
+    fchmod(fd, mode);  // the mode applies to a file that was there already too
+    return close(fd) == 0 && ok;
+}
+
+bool file_exists(const std::string& path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+namespace {
+
+std::vector<int> fds_in(const std::string& dir_path, bool self)
+{
+    std::vector<int> fds;
+    DIR* dir = opendir(dir_path.c_str());
+    if (!dir)
+        return fds;
+    while (const dirent* e = readdir(dir))
+        if (e->d_name[0] != '.' && !(self && atoi(e->d_name) == dirfd(dir)))
+            fds.push_back(atoi(e->d_name));
+    closedir(dir);
+    return fds;
+}
+
+}  // namespace
+
+std::vector<int> open_fds()
+{
+    return fds_in("/proc/self/fd", true);
+}
+
+int count_open_fds()
+{
+    return static_cast<int>(open_fds().size());
+}
+
+std::vector<int> inheritable_fds()
+{
+    std::vector<int> fds;
+    for (int fd : open_fds())
+        if (int flags = fcntl(fd, F_GETFD); flags >= 0 && !(flags & FD_CLOEXEC))
+            fds.push_back(fd);
+    return fds;
+}
+
+int count_open_fds_of(pid_t pid)
+{
+    return static_cast<int>(fds_in("/proc/" + std::to_string(pid) + "/fd", false).size());
+}
+
+std::string describe_open_fds()
+{
+    std::string out;
+    for (int fd : open_fds()) {
+        char target[256] = "?";
+        ssize_t n = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof(target) - 1);
+        target[n > 0 ? n : 1] = '\0';
+        out += "  " + std::to_string(fd) + " -> " + target + "\n";
+    }
+    return out;
+}
+
+bool eventually(const std::function<bool()>& cond, int timeout_ms)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (!cond()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+namespace {
+
+int settled(const std::function<int()>& count, int wanted_same, int pause_ms)
+{
+    int last = count();
+    for (int same = 0, rounds = 0; same < wanted_same && rounds < 500; ++rounds) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(pause_ms));
+        int now = count();
+        same = now == last ? same + 1 : 0;
+        last = now;
+    }
+    return last;
+}
+
+}  // namespace
+
+int settled_fd_count()
+{
+    return settled(count_open_fds, 5, 5);
+}
+
+int settled_fd_count(pid_t pid)
+{
+    return settled([pid] { return count_open_fds_of(pid); }, 10, 10);
+}
+
+TempDir::TempDir()
+{
+    const char* base = getenv("TMPDIR");
+    path_ = std::string(base && *base ? base : "/tmp") + "/vexprod-test.XXXXXX";
+    if (!mkdtemp(path_.data())) {
+        perror("mkdtemp");
+        abort();
+    }
+}
+
+TempDir::~TempDir()
+{
+    nftw(path_.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return remove(p), 0; }, 16,
+         FTW_DEPTH | FTW_PHYS);
+}
+
+std::string literal_regex(const std::string& text)
+{
+    std::string out;
+    for (char c : text)
+        out += strchr("\\^$.|?*+()[]{}", c) ? std::string("\\") + c : std::string(1, c);
+    return out;
+}
+
+std::string format_text(const char* fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    char* buf = nullptr;
+    int n = vasprintf(&buf, fmt, ap);
+    va_end(ap);
+    std::string out = n >= 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+    free(buf);
+    return out;
+}
+
+DebugLogCapture::DebugLogCapture()
+{
+    log_set_dir(dir_.file("log").c_str());
+    file_ = cLogFilePath;
+}
+
+DebugLogCapture::~DebugLogCapture()
+{
+    cLogDirPath[0] = cLogFilePath[0] = '\0';
+}
+
+std::vector<std::string> DebugLogCapture::messages() const
+{
+    // A line is "[%05d] [time] message\n"; a message may hold newlines of
+    // its own, which then continue it on the following lines.
+    std::vector<std::string> out;
+    const std::string text = read_text_file(file_);
+    for (size_t at = 0; at < text.size() && text[at] == '[';) {
+        size_t pid_end = text.find("] [", at);
+        size_t time_end = pid_end == std::string::npos ? pid_end : text.find("] ", pid_end + 3);
+        if (time_end == std::string::npos)
+            break;
+        size_t next = text.find("\n[", time_end);
+        size_t end = next == std::string::npos ? text.size() : next + 1;
+        std::string message = text.substr(time_end + 2, end - time_end - 2);
+        if (!message.empty() && message.back() == '\n')
+            message.pop_back();
+        out.push_back(message);
+        at = end;
+    }
+    return out;
+}
