@@ -26,8 +26,7 @@
 #include "handlers/registry.h"
 #include "platform/paths.h"
 #include "support/daemon_suite.h"
-#include "support/death.h"
-#include "support/other_user.h"
+#include "support/os.h"
 
 namespace fs = std::filesystem;
 

@@ -10,10 +10,7 @@
 
 #include "daemon/exec_policy.h"
 #include "dv.h"
-#include "support/config.h"
-#include "support/files.h"
-#include "support/other_user.h"
-#include "support/tempdir.h"
+#include "support/os.h"
 
 namespace fs = std::filesystem;
 

@@ -12,8 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/debug_log.h"
-#include "support/files.h"
+#include "support/os.h"
 
 namespace {
 

@@ -19,12 +19,8 @@
 
 #include "daemon/json.h"
 #include "daemon/queue_consumers.h"
-#include "support/death.h"
-#include "support/files.h"
-#include "support/debug_log.h"
-#include "support/notify_service.h"
-#include "support/settle.h"
-#include "support/sysv_queue.h"
+#include "support/os.h"
+#include "support/services.h"
 
 namespace {
 

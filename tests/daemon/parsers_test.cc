@@ -13,8 +13,7 @@
 #include "daemon/request.h"
 #include "daemon/strutil.h"
 #include "platform/paths.h"
-#include "support/death.h"
-#include "support/debug_log.h"
+#include "support/os.h"
 #include "support/sim_root.h"
 
 namespace {

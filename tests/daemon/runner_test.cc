@@ -15,10 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/env.h"
-#include "support/fds.h"
-#include "support/files.h"
-#include "support/tempdir.h"
+#include "support/os.h"
 
 namespace {
 

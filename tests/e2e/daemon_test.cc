@@ -27,12 +27,8 @@
 #include <thread>
 #include <vector>
 
-#include "support/config.h"
 #include "support/daemon_suite.h"
-#include "support/fds.h"
-#include "support/files.h"
-#include "support/other_user.h"
-#include "support/process.h"
+#include "support/os.h"
 #include "support/raw_client.h"
 
 namespace {

@@ -15,10 +15,8 @@
 #include "dv.h"
 #include "platform/paths.h"
 #include "support/daemon_suite.h"
-#include "support/files.h"
-#include "support/other_user.h"
+#include "support/os.h"
 #include "support/raw_client.h"
-#include "support/settle.h"
 
 namespace {
 

@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "support/daemon_suite.h"
-#include "support/files.h"
+#include "support/os.h"
 #include "support/raw_client.h"
 
 namespace {

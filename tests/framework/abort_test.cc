@@ -6,8 +6,8 @@
 #include <string>
 
 #include "dv.h"
-#include "support/death.h"
-#include "support/test_service.h"
+#include "support/os.h"
+#include "support/services.h"
 
 namespace {
 

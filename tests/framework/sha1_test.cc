@@ -4,7 +4,7 @@
 #include <string>
 
 #include "dv.h"
-#include "support/env.h"
+#include "support/os.h"
 
 namespace {
 

@@ -25,14 +25,9 @@
 #include <vector>
 
 #include "dv.h"
-#include "support/fds.h"
-#include "support/files.h"
-#include "support/other_user.h"
+#include "support/os.h"
 #include "support/raw_client.h"
-#include "support/settle.h"
-#include "support/sysv_queue.h"
-#include "support/tempdir.h"
-#include "support/test_service.h"
+#include "support/services.h"
 
 namespace {
 
@@ -457,10 +452,7 @@ void pid_exec(const char*, dv_io* io, int fd)
     if (fd >= 0)
         close(fd);
     usleep(2000);  // so that a kill under load often lands on a request in hand
-    dv_io_realloc(io, 0);
-    dv_io_printf(io, "%d", getpid());
-    dv_reply(io);
-    dv_io_free(io);
+    reply_text(io, std::to_string(getpid()));
 }
 
 // A killed consumer is reported once and replaced; under load it costs at

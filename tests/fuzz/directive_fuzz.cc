@@ -23,10 +23,9 @@
 #include <functional>
 #include <vector>
 
-#include "support/fds.h"
+#include "support/os.h"
 #include "support/raw_client.h"
-#include "support/settle.h"
-#include "support/test_service.h"
+#include "support/services.h"
 
 namespace {
 
@@ -40,10 +39,7 @@ void reply_exec(const char*, dv_io* io, int fd)
 {
     if (fd >= 0)
         close(fd);
-    dv_io_realloc(io, 0);
-    dv_io_printf(io, "{\"result\":0}\n");
-    dv_reply(io);
-    dv_io_free(io);
+    reply_text(io, "{\"result\":0}\n");
 }
 
 int memfd_with(const char* text, unsigned seals = 0)

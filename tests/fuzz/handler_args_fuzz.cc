@@ -24,13 +24,12 @@
 #include <string>
 
 #include "daemon/command_table.h"
-#include "handlers/registry.h"
 #include "daemon/json.h"
 #include "daemon/log.h"
 #include "dv.h"
+#include "handlers/registry.h"
 #include "platform/paths.h"
-#include "support/debug_log.h"
-#include "support/fds.h"
+#include "support/os.h"
 #include "support/raw_client.h"
 #include "support/sim_root.h"
 

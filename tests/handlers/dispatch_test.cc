@@ -12,8 +12,8 @@
 #include <new>
 
 #include "daemon/handler_kit.h"
-#include "support/handler_service.h"
-#include "support/settle.h"
+#include "support/os.h"
+#include "support/services.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/paths.h"
-#include "support/handler_service.h"
+#include "support/services.h"
 
 namespace {
 

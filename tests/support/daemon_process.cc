@@ -12,10 +12,7 @@
 #include <thread>
 
 #include "dv.h"
-#include "support/config.h"
-#include "support/env.h"
-#include "support/files.h"
-#include "support/process.h"
+#include "support/os.h"
 
 extern char** environ;
 

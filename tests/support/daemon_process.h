@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "support/os.h"
 #include "support/sim_root.h"
-#include "support/tempdir.h"
 
 class DaemonProcess {
 public:

@@ -6,7 +6,7 @@
 
 #include "daemon/strutil.h"
 #include "platform/paths.h"
-#include "support/env.h"
+#include "support/os.h"
 
 std::string failure(const std::string& handler)
 {

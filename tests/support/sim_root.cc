@@ -2,9 +2,7 @@
 
 #include "platform/paths.h"
 #include "sim/fields.h"
-#include "support/config.h"
-#include "support/files.h"
-#include "support/process.h"
+#include "support/os.h"
 
 #include <filesystem>
 #include <stdexcept>

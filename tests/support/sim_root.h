@@ -8,9 +8,7 @@
 #include <vector>
 
 #include "sim/simlib.h"
-#include "support/env.h"
-#include "support/files.h"
-#include "support/tempdir.h"
+#include "support/os.h"
 
 // One journaled call of a platform program or library function.
 struct SimCall {

@@ -10,8 +10,7 @@
 #include "daemon/command_reference.h"
 #include "daemon/dispatch.h"
 #include "handlers/registry.h"
-#include "support/config.h"
-#include "support/files.h"
+#include "support/os.h"
 
 namespace {
 

@@ -10,11 +10,8 @@
 #include <vector>
 
 #include "dv.h"
-#include "support/config.h"
-#include "support/death.h"
-#include "support/process.h"
-#include "support/tempdir.h"
-#include "support/test_service.h"
+#include "support/os.h"
+#include "support/services.h"
 
 namespace {
 
@@ -32,16 +29,11 @@ void recording_exec(const char*, dv_io* io, int fd)
 {
     if (fd >= 0)
         close(fd);
-    size_t size = 0;
-    const char* request = dv_io_read(io, &size);
     {
         std::lock_guard<std::mutex> guard(g_seen_lock);
-        g_seen.assign(request ? request : "", request ? size : 0);
+        g_seen = request_text(io);
     }
-    dv_io_realloc(io, 0);
-    dv_io_printf(io, "{}");
-    dv_reply(io);
-    dv_io_free(io);
+    reply_text(io, "{}");
 }
 
 // Every mode completes its calls, the service is sent the request asked

@@ -11,13 +11,10 @@
 #include <thread>
 
 #include "daemon/dispatch.h"
-#include "handlers/registry.h"
 #include "dv.h"
-#include "support/config.h"
-#include "support/files.h"
-#include "support/process.h"
-#include "support/tempdir.h"
-#include "support/test_service.h"
+#include "handlers/registry.h"
+#include "support/os.h"
+#include "support/services.h"
 
 namespace {
 
@@ -31,13 +28,7 @@ void mirror_exec(const char*, dv_io* io, int fd)
 {
     if (fd >= 0)
         close(fd);
-    size_t size = 0;
-    const char* request = dv_io_read(io, &size);
-    std::string text(request ? request : "", request ? size : 0);
-    dv_io_realloc(io, 0);
-    dv_io_printf(io, "%s", text.c_str());
-    dv_reply(io);
-    dv_io_free(io);
+    reply_text(io, request_text(io));
 }
 
 // Answers nothing, as a dispatcher does for a name it does not know.

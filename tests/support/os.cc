@@ -1,26 +1,26 @@
-// The small helpers every kind of test shares: where the build is, scoped
-// environment, whole files, descriptor counts, waiting, temporary
-// directories, death-test patterns and the captured debug log.
+// The operating-system helpers of support/os.h.
+#include "support/os.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
+#include <grp.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdarg>
 #include <cstring>
 #include <thread>
 
 #include "daemon/log.h"
-#include "support/config.h"
-#include "support/death.h"
-#include "support/debug_log.h"
-#include "support/env.h"
-#include "support/fds.h"
-#include "support/files.h"
-#include "support/settle.h"
-#include "support/tempdir.h"
+#include "support/raw_client.h"
 
 const std::string& source_dir()
 {
@@ -231,4 +231,118 @@ std::vector<std::string> DebugLogCapture::messages() const
         at = end;
     }
     return out;
+}
+
+extern char** environ;
+
+int wait_process(pid_t pid, int timeout_ms)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    int status = 0;
+    for (pid_t r; (r = waitpid(pid, &status, WNOHANG)) != pid;) {
+        if (r < 0 && errno != EINTR)
+            return -1;
+        if (std::chrono::steady_clock::now() >= deadline) {
+            kill(pid, SIGKILL);
+            while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+            }
+            return -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+}
+
+ProcessResult run_process(const std::vector<std::string>& argv, const std::string& stdin_text,
+                          const std::vector<std::string>& extra_env, int timeout_ms)
+{
+    // Files rather than pipes: nothing to pump, and a program that leaves a
+    // child holding its output open does not keep the test waiting.
+    ProcessResult result;
+    const int in = make_request_memfd(stdin_text), out = memfd_create("out", MFD_CLOEXEC),
+              err = memfd_create("err", MFD_CLOEXEC);
+    if (in >= 0)
+        lseek(in, 0, SEEK_SET);
+    std::vector<std::string> env(extra_env);
+    for (char** e = environ; *e; e++) {
+        const std::string s = *e;
+        bool overridden = false;
+        for (const std::string& add : extra_env)
+            overridden |= s.compare(0, add.find('=') + 1, add, 0, add.find('=') + 1) == 0;
+        if (!overridden)
+            env.push_back(s);
+    }
+    std::vector<char*> envp, args;
+    for (std::string& s : env)
+        envp.push_back(s.data());
+    for (const std::string& a : argv)
+        args.push_back(const_cast<char*>(a.c_str()));
+    envp.push_back(nullptr);
+    args.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in, 0);
+    posix_spawn_file_actions_adddup2(&actions, out, 1);
+    posix_spawn_file_actions_adddup2(&actions, err, 2);
+    pid_t pid;
+    if (in >= 0 && out >= 0 && err >= 0 && posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data()) == 0) {
+        result.status = wait_process(pid, timeout_ms);
+        result.out = read_fd_text(out);
+        result.err = read_fd_text(err);
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    for (int fd : {in, out, err})
+        if (fd >= 0)
+            close(fd);
+    return result;
+}
+
+bool can_switch_user()
+{
+    return geteuid() == 0;
+}
+
+pid_t start_as(uid_t uid, gid_t gid, const std::function<int()>& body)
+{
+    pid_t pid = fork();
+    if (pid == 0) {
+        bool dropped = setgroups(0, nullptr) == 0 && setgid(gid) == 0 && setuid(uid) == 0 && getuid() == uid &&
+                       geteuid() == uid && setuid(0) != 0;
+        // _exit: none of the test program's exit handlers run in the child.
+        _exit(dropped ? body() : 111);
+    }
+    return pid;
+}
+
+int wait_child(pid_t pid, int timeout_ms)
+{
+    int status = wait_process(pid, timeout_ms);
+    return status >= 128 ? -1 : status;
+}
+
+std::optional<std::string> run_as(uid_t uid, gid_t gid, const std::function<std::string()>& body, int timeout_ms)
+{
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        return std::nullopt;
+    pid_t pid = start_as(uid, gid, [&] {
+        std::string text = body();
+        return write(ends[1], text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 113;
+    });
+    close(ends[1]);
+    std::string text;
+    char buf[4096];
+    struct pollfd p = {ends[0], POLLIN, 0};
+    for (ssize_t got; pid > 0 && poll(&p, 1, timeout_ms) == 1 && (got = read(ends[0], buf, sizeof(buf))) > 0;)
+        text.append(buf, static_cast<size_t>(got));
+    close(ends[0]);
+    if (pid <= 0 || wait_child(pid, timeout_ms) != 0)
+        return std::nullopt;
+    return text;
+}
+
+bool allow_search(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && chmod(path.c_str(), (st.st_mode & 07777) | S_IXGRP | S_IXOTH) == 0;
 }

@@ -1,0 +1,184 @@
+// The in-process services of support/services.h.
+#include "support/services.h"
+
+#include <fcntl.h>
+#include <sys/msg.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "support/daemon_process.h"
+#include "support/os.h"
+
+TestService::TestService(dv_exec_fn exec, u_int32_t mode, size_t workers)
+    : handle_(dv_create(name().c_str(), mode, workers, exec))
+{
+    if (mode & DV_STANDALONE) {
+        dv_start(handle_);
+        return;
+    }
+    runner_ = std::thread([h = handle_] { dv_start(h); });
+    // The socket file exists from bind on, a moment before it listens.
+    dv_wait_started(handle_, 10000);
+}
+
+void TestService::stop()
+{
+    if (handle_)
+        dv_free(handle_);
+    handle_ = nullptr;
+    if (runner_.joinable())
+        runner_.join();
+}
+
+std::string request_text(dv_io* io)
+{
+    size_t size = 0;
+    const char* request = dv_io_read(io, &size);
+    return std::string(request ? request : "", request ? size : 0);
+}
+
+void reply_text(dv_io* io, const std::string& text)
+{
+    dv_io_realloc(io, 0);
+    dv_io_printf(io, "%s", text.c_str());
+    dv_reply(io);
+    dv_io_free(io);
+}
+
+void echo_exec(const char* name, dv_io* io, int fd)
+{
+    if (fd >= 0) {
+        std::string line = std::string("extra:") + name + "\n";
+        (void)!write(fd, line.data(), line.size());
+        close(fd);
+    }
+    reply_text(io, std::string(name) + "|" + request_text(io) + "|" + std::to_string(dv_io_pid(io)) + "|" +
+                       std::to_string(dv_io_uid(io)) + "|" + std::to_string(dv_io_gid(io)));
+}
+
+HandlerService::HandlerService(dv_exec_fn exec, size_t workers)
+    : saved_stdout_(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)), service_(exec, DV_PTHREAD_MODE | DV_STANDALONE, workers)
+{
+    root_.make_current();
+}
+
+HandlerService::~HandlerService()
+{
+    service_.stop();
+    fflush(stdout);
+    dup2(saved_stdout_, STDOUT_FILENO);
+    close(saved_stdout_);
+}
+
+std::string HandlerService::call(const std::string& command, const std::string& request, int* status, int fd) const
+{
+    return call_socket(service_.sockfile(), command, request, status, fd);
+}
+
+namespace {
+
+// The exec callback has no user pointer.
+FakeNotifyService* g_current = nullptr;
+
+}  // namespace
+
+FakeNotifyService::FakeNotifyService()
+{
+    if (g_current)
+        abort();
+    g_current = this;
+    start();
+}
+
+FakeNotifyService::~FakeNotifyService()
+{
+    stop();
+    g_current = nullptr;
+}
+
+void FakeNotifyService::start()
+{
+    if (!handle_) {
+        handle_ = dv_create("VexProServer_notify-vexprod", DV_PTHREAD_MODE | DV_STANDALONE, 1, exec);
+        dv_start(handle_);
+    }
+}
+
+void FakeNotifyService::stop()
+{
+    if (handle_)
+        dv_free(handle_);
+    handle_ = nullptr;
+}
+
+std::vector<NotifyCall> FakeNotifyService::calls() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return calls_;
+}
+
+bool FakeNotifyService::wait_calls(size_t n, int timeout_ms) const
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    return arrived_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return calls_.size() >= n; });
+}
+
+void FakeNotifyService::exec(const char* name, dv_io* io, int fd)
+{
+    {
+        std::lock_guard<std::mutex> lock(g_current->mutex_);
+        g_current->calls_.push_back({name, request_text(io)});
+        g_current->arrived_.notify_all();
+    }
+    if (fd >= 0)
+        close(fd);
+    reply_text(io, "{\"result\":0}");
+}
+
+TestQueueKey::TestQueueKey(int slot)
+    : key_(static_cast<int>(0x5E000000U | ((static_cast<unsigned>(getpid()) & 0x3FFFFFU) << 2) |
+                            (static_cast<unsigned>(slot) & 3U)))
+{
+    remove();
+}
+
+bool TestQueueKey::exists() const
+{
+    return msgget(key_, 0) != -1;
+}
+
+void TestQueueKey::remove() const
+{
+    if (int id = msgget(key_, 0); id != -1)
+        msgctl(id, IPC_RMID, nullptr);
+}
+
+int thread_count()
+{
+    // A sanitizer runtime may add a thread of its own at the process's first
+    // pthread_create; that happens before anything is counted.
+    static const bool warmed_up = (std::thread([] {}).join(), true);
+    (void)warmed_up;
+    std::error_code ec;
+    int n = 0;
+    for (auto it = std::filesystem::directory_iterator("/proc/self/task", ec); !ec && it != decltype(it)();
+         it.increment(ec))
+        ++n;
+    return n;
+}
+
+bool thread_in_msgrcv()
+{
+    const std::string wanted = std::to_string(SYS_msgrcv) + " ";
+    std::error_code ec;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", ec))
+        if (read_text_file(task.path().string() + "/syscall").rfind(wanted, 0) == 0)
+            return true;
+    return false;
+}
