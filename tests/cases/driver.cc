@@ -26,7 +26,6 @@
 #include "handlers/registry.h"
 #include "platform/paths.h"
 #include "support/daemon_suite.h"
-#include "support/os.h"
 
 namespace fs = std::filesystem;
 

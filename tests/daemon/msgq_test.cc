@@ -19,7 +19,6 @@
 
 #include "daemon/json.h"
 #include "daemon/queue_consumers.h"
-#include "support/os.h"
 #include "support/services.h"
 
 namespace {

@@ -13,7 +13,6 @@
 #include "daemon/request.h"
 #include "daemon/strutil.h"
 #include "platform/paths.h"
-#include "support/os.h"
 #include "support/sim_root.h"
 
 namespace {

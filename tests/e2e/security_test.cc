@@ -15,7 +15,6 @@
 #include "dv.h"
 #include "platform/paths.h"
 #include "support/daemon_suite.h"
-#include "support/os.h"
 #include "support/raw_client.h"
 
 namespace {

@@ -21,7 +21,6 @@
 #include <vector>
 
 #include "support/daemon_suite.h"
-#include "support/os.h"
 #include "support/raw_client.h"
 
 namespace {

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "dv.h"
-#include "support/os.h"
 #include "support/services.h"
 
 namespace {

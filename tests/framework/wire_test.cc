@@ -25,7 +25,6 @@
 #include <vector>
 
 #include "dv.h"
-#include "support/os.h"
 #include "support/raw_client.h"
 #include "support/services.h"
 

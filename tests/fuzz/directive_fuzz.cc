@@ -23,7 +23,6 @@
 #include <functional>
 #include <vector>
 
-#include "support/os.h"
 #include "support/raw_client.h"
 #include "support/services.h"
 

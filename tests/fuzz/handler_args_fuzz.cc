@@ -29,7 +29,6 @@
 #include "dv.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"
-#include "support/os.h"
 #include "support/raw_client.h"
 #include "support/sim_root.h"
 

@@ -12,7 +12,6 @@
 #include <new>
 
 #include "daemon/handler_kit.h"
-#include "support/os.h"
 #include "support/services.h"
 
 namespace {

@@ -12,7 +12,6 @@
 #include <thread>
 
 #include "dv.h"
-#include "support/os.h"
 
 extern char** environ;
 

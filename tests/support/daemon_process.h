@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "support/os.h"
 #include "support/sim_root.h"
 
 class DaemonProcess {

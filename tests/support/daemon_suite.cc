@@ -6,7 +6,6 @@
 
 #include "daemon/strutil.h"
 #include "platform/paths.h"
-#include "support/os.h"
 
 std::string failure(const std::string& handler)
 {

@@ -8,7 +8,6 @@
 #include <string>
 
 #include "support/daemon_process.h"
-#include "support/os.h"
 
 // Replies all handler families share, and a handler's own failure reply.
 inline const std::string kOk = "{\"result\":0}\n";

@@ -13,7 +13,6 @@
 #include <thread>
 
 #include "support/daemon_process.h"
-#include "support/os.h"
 
 TestService::TestService(dv_exec_fn exec, u_int32_t mode, size_t workers)
     : handle_(dv_create(name().c_str(), mode, workers, exec))

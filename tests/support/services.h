@@ -13,7 +13,6 @@
 #include "daemon/dispatch.h"
 #include "dv.h"
 #include "handlers/registry.h"
-#include "support/os.h"
 #include "support/sim_root.h"
 
 // An in-process dv_ service for tests on a private socket path, freed when

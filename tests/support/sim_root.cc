@@ -2,7 +2,6 @@
 
 #include "platform/paths.h"
 #include "sim/fields.h"
-#include "support/os.h"
 
 #include <filesystem>
 #include <stdexcept>

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "dv.h"
-#include "support/os.h"
 #include "support/services.h"
 
 namespace {

@@ -13,7 +13,6 @@
 #include "daemon/dispatch.h"
 #include "dv.h"
 #include "handlers/registry.h"
-#include "support/os.h"
 #include "support/services.h"
 
 namespace {
