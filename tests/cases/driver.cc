@@ -25,7 +25,7 @@
 #include "dv.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"
-#include "support/daemon_suite.h"
+#include "support/daemon_process.h"
 
 namespace fs = std::filesystem;
 

@@ -27,7 +27,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/daemon_suite.h"
+#include "support/daemon_process.h"
 #include "support/raw_client.h"
 
 namespace {

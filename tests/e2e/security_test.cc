@@ -14,7 +14,7 @@
 
 #include "dv.h"
 #include "platform/paths.h"
-#include "support/daemon_suite.h"
+#include "support/daemon_process.h"
 #include "support/raw_client.h"
 
 namespace {

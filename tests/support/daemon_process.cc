@@ -1,24 +1,18 @@
 #include "support/daemon_process.h"
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <thread>
 
+#include "daemon/strutil.h"
 #include "dv.h"
-
-extern char** environ;
-
-std::string daemon_binary()
-{
-    return binary_dir() + "/bin/dwe-dv-vexprod";
-}
+#include "platform/paths.h"
 
 DaemonProcess::DaemonProcess(SimRoot& root) : root_(root)
 {
@@ -45,27 +39,14 @@ DaemonProcess::~DaemonProcess()
 
 pid_t DaemonProcess::spawn(const std::vector<std::string>& args)
 {
-    std::vector<std::string> env = {"DV_SOCKET_DIR=" + sockets_.path(), "VEXPROD_PLATFORM_ROOT=" + root_.path()};
-    for (char** e = environ; *e; e++)
-        if (strncmp(*e, "DV_SOCKET_DIR=", 14) && strncmp(*e, "VEXPROD_PLATFORM_ROOT=", 22))
-            env.push_back(*e);
-    std::vector<std::string> argv_strings = {program_path()};
-    argv_strings.insert(argv_strings.end(), args.begin(), args.end());
-    std::vector<char*> envp, argv;
-    for (std::string& s : env)
-        envp.push_back(s.data());
-    for (std::string& s : argv_strings)
-        argv.push_back(s.data());
-    envp.push_back(nullptr);
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, err_file_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0)
-        pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
+    std::vector<std::string> argv = {program_path()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    const int null = open("/dev/null", O_RDWR | O_CLOEXEC),
+              err = open(err_file_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    pid_ = spawn_process(argv, {"DV_SOCKET_DIR=" + sockets_.path(), "VEXPROD_PLATFORM_ROOT=" + root_.path()}, null,
+                         null, err);
+    close(null);
+    close(err);
     status_ = -1;
     return pid_;
 }
@@ -93,7 +74,7 @@ bool DaemonProcess::start(const std::vector<std::string>& args)
 int DaemonProcess::wait(int timeout_ms)
 {
     if (pid_ > 0) {
-        status_ = wait_process(pid_, timeout_ms);
+        status_ = wait_child(pid_, timeout_ms);
         pid_ = -1;
     }
     return status_;
@@ -104,16 +85,6 @@ int DaemonProcess::stop(int sig, int timeout_ms)
     if (pid_ > 0)
         kill(pid_, sig);
     return wait(timeout_ms);
-}
-
-std::string DaemonProcess::stderr_text() const
-{
-    return read_text_file(err_file_);
-}
-
-std::string DaemonProcess::debug_log() const
-{
-    return read_text_file(root_.abs("/opt/VexProServer/.log/.dwe_dv_vexprod.log"));
 }
 
 std::string call_socket(const std::string& sockfile, const std::string& command, const std::string& json, int* status,
@@ -129,13 +100,48 @@ std::string call_socket(const std::string& sockfile, const std::string& command,
     return out;
 }
 
-std::string DaemonProcess::call(const std::string& command, const std::string& json, int* status, int fd,
-                                unsigned timeout_s) const
+std::string encode_base64(const std::string& bytes)
 {
-    return call_socket(command_socket_, command, json, status, fd, timeout_s);
+    std::string out;
+    base64_encode(bytes, out);
+    return out;
 }
 
-std::string DaemonProcess::call_mail(const std::string& command, const std::string& json, int* status) const
+bool start_daemon(DaemonProcess& daemon, const TempDir& captures)
 {
-    return call_socket(mail_socket_, command, json, status);
+    ScopedEnv tmpdir("TMPDIR", captures.path().c_str());
+    return daemon.start();
+}
+
+void expect_clean_stop(DaemonProcess& daemon)
+{
+    EXPECT_EQ(daemon.stop(), 0);
+    EXPECT_EQ(daemon.stderr_text(), "");
+}
+
+bool reload_policy(SimRoot& root, const DaemonProcess& daemon, const std::string& text)
+{
+    auto reads = [&] {
+        const std::string log = daemon.debug_log();
+        size_t n = 0;
+        for (size_t at = 0; (at = log.find("] [load_caller_policy][", at)) != std::string::npos; ++at)
+            ++n;
+        return n;
+    };
+    if (!text.empty())
+        root.write_file(PATH_CALLER_POLICY, text);
+    const size_t before = reads();
+    return kill(daemon.pid(), SIGHUP) == 0 && eventually([&] { return reads() > before; }, 5000);
+}
+
+void DaemonPerTest::SetUp()
+{
+    ASSERT_TRUE(start_daemon(daemon_, captures_)) << daemon_.stderr_text();
+    root_.clear_calls();
+}
+
+void DaemonPerTest::TearDown()
+{
+    expect_clean_stop(daemon_);
+    EXPECT_TRUE(std::filesystem::is_empty(captures_.path())) << "capture files left behind";
 }

@@ -1,48 +1,69 @@
-// The daemon binary running on a simulated root with a private socket
-// directory, called through the real client library.
+// The daemon binary on a simulated root with a private socket directory,
+// called through the real client library; the fixture the case driver and
+// the end-to-end tests that cannot be rows share.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/types.h>
 
 #include <string>
 #include <vector>
 
 #include "support/sim_root.h"
 
-class DaemonProcess {
+// Replies all handler families share, and a handler's own failure reply.
+inline const std::string kOk = "{\"result\":0}\n";
+inline const std::string kInputError = "{\"error_code\":-1,\"error_msg\":\"input error\"}\n";
+inline const std::string kParseError = "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n";
+inline std::string failure(const std::string& handler)
+{
+    return "{\"error_msg\":\"" + handler + " fail\",\"result\":-1}\n";
+}
+std::string encode_base64(const std::string& bytes);
+
+inline std::string daemon_binary()
+{
+    return binary_dir() + "/bin/dwe-dv-vexprod";
+}
+// One call through dv_ez_call: the reply text ("" when none), the client
+// status in *status.
+std::string call_socket(const std::string& sockfile, const std::string& command, const std::string& json,
+                        int* status = nullptr, int fd = -1, unsigned timeout_s = 10);
+
+class DaemonProcess : NoCopy {
 public:
     // Starts nothing yet. Each instance runs the binary under a name of its
     // own (a symbolic link), so that daemons of tests running side by side
     // do not take each other for a second instance.
     explicit DaemonProcess(SimRoot& root);
     ~DaemonProcess();
-    DaemonProcess(const DaemonProcess&) = delete;
-    DaemonProcess& operator=(const DaemonProcess&) = delete;
 
     // Starts and waits until both services answer; false when it ended first.
     bool start(const std::vector<std::string>& args = {});
     pid_t spawn(const std::vector<std::string>& args = {});  // starts without waiting
-    // Sends sig and waits up to timeout_ms: the exit code, 128 + signal, or
-    // -1 on timeout (it is killed then). wait() sends nothing.
+    // Sends sig (wait() nothing) and waits up to timeout_ms, as wait_child.
     int stop(int sig = SIGTERM, int timeout_ms = 5000);
     int wait(int timeout_ms = 5000);
     pid_t pid() const { return pid_; }
 
-    const std::string& program() const { return program_; }  // the name it runs under
     std::string program_path() const { return bin_.file(program_); }
     const std::string& socket_dir() const { return sockets_.path(); }
     const std::string& command_socket() const { return command_socket_; }
     const std::string& mail_socket() const { return mail_socket_; }
-    // Its stderr so far (a file, since the daemon may outlive a pipe).
-    std::string stderr_text() const;
-    // The debug log under the app's Install_Path in the root.
-    std::string debug_log() const;
+    // A file, since the daemon may outlive a pipe.
+    std::string stderr_text() const { return read_text_file(err_file_); }
+    std::string debug_log() const { return read_text_file(root_.abs("/opt/VexProServer/.log/.dwe_dv_vexprod.log")); }
 
-    // As call_socket, on either service; safe from any thread.
+    // Safe from any thread.
     std::string call(const std::string& command, const std::string& json, int* status = nullptr, int fd = -1,
-                     unsigned timeout_s = 10) const;
-    std::string call_mail(const std::string& command, const std::string& json, int* status = nullptr) const;
+                     unsigned timeout_s = 10) const
+    {
+        return call_socket(command_socket_, command, json, status, fd, timeout_s);
+    }
+    std::string call_mail(const std::string& command, const std::string& json, int* status = nullptr) const
+    {
+        return call_socket(mail_socket_, command, json, status);
+    }
 
 private:
     SimRoot& root_;
@@ -56,9 +77,23 @@ private:
     int status_ = -1;
 };
 
-std::string daemon_binary();
+// TMPDIR at captures for the daemon alone.
+bool start_daemon(DaemonProcess& daemon, const TempDir& captures);
+// An orderly stop with nothing on stderr (a sanitizer report fails the
+// test); harmless after a test stopped the daemon itself.
+void expect_clean_stop(DaemonProcess& daemon);
+// Writes text as the caller policy (unless empty), sends SIGHUP and waits
+// until the log says the policy was read again.
+bool reload_policy(SimRoot& root, const DaemonProcess& daemon, const std::string& text = "");
 
-// One call through dv_ez_call: the reply text ("" when none), the client
-// status in *status.
-std::string call_socket(const std::string& sockfile, const std::string& command, const std::string& json,
-                        int* status = nullptr, int fd = -1, unsigned timeout_s = 10);
+// A fresh root and daemon for every test, checked at its end, with every
+// capture file gone.
+class DaemonPerTest : public testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    SimRoot root_;
+    TempDir captures_;
+    DaemonProcess daemon_{root_};
+};

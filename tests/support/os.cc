@@ -1,11 +1,9 @@
-// The operating-system helpers of support/os.h.
 #include "support/os.h"
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <grp.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/mman.h>
@@ -17,6 +15,9 @@
 #include <chrono>
 #include <cstdarg>
 #include <cstring>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
 #include <thread>
 
 #include "daemon/log.h"
@@ -48,14 +49,8 @@ ScopedEnv::~ScopedEnv()
 
 std::string read_text_file(const std::string& path)
 {
-    std::string content;
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    char buf[65536];
-    for (ssize_t got; fd >= 0 && (got = read(fd, buf, sizeof(buf))) > 0;)
-        content.append(buf, static_cast<size_t>(got));
-    if (fd >= 0)
-        close(fd);
-    return content;
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 bool write_text_file(const std::string& path, const std::string& content, mode_t mode)
@@ -76,29 +71,36 @@ bool file_exists(const std::string& path)
 
 namespace {
 
-std::vector<int> fds_in(const std::string& dir_path, bool self)
+// Those of "self" (less the one reading them) or of a pid.
+std::vector<int> fds_of(const std::string& who)
 {
     std::vector<int> fds;
-    DIR* dir = opendir(dir_path.c_str());
-    if (!dir)
-        return fds;
-    while (const dirent* e = readdir(dir))
-        if (e->d_name[0] != '.' && !(self && atoi(e->d_name) == dirfd(dir)))
+    DIR* dir = opendir(("/proc/" + who + "/fd").c_str());
+    while (const dirent* e = dir ? readdir(dir) : nullptr)
+        if (e->d_name[0] != '.' && !(who == "self" && atoi(e->d_name) == dirfd(dir)))
             fds.push_back(atoi(e->d_name));
-    closedir(dir);
+    if (dir)
+        closedir(dir);
     return fds;
+}
+
+int settled(const std::function<int()>& count, int wanted_same, int pause_ms)
+{
+    int last = count();
+    for (int same = 0, rounds = 0; same < wanted_same && rounds < 500; ++rounds) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(pause_ms));
+        int now = count();
+        same = now == last ? same + 1 : 0;
+        last = now;
+    }
+    return last;
 }
 
 }  // namespace
 
 std::vector<int> open_fds()
 {
-    return fds_in("/proc/self/fd", true);
-}
-
-int count_open_fds()
-{
-    return static_cast<int>(open_fds().size());
+    return fds_of("self");
 }
 
 std::vector<int> inheritable_fds()
@@ -108,11 +110,6 @@ std::vector<int> inheritable_fds()
         if (int flags = fcntl(fd, F_GETFD); flags >= 0 && !(flags & FD_CLOEXEC))
             fds.push_back(fd);
     return fds;
-}
-
-int count_open_fds_of(pid_t pid)
-{
-    return static_cast<int>(fds_in("/proc/" + std::to_string(pid) + "/fd", false).size());
 }
 
 std::string describe_open_fds()
@@ -138,22 +135,6 @@ bool eventually(const std::function<bool()>& cond, int timeout_ms)
     return true;
 }
 
-namespace {
-
-int settled(const std::function<int()>& count, int wanted_same, int pause_ms)
-{
-    int last = count();
-    for (int same = 0, rounds = 0; same < wanted_same && rounds < 500; ++rounds) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(pause_ms));
-        int now = count();
-        same = now == last ? same + 1 : 0;
-        last = now;
-    }
-    return last;
-}
-
-}  // namespace
-
 int settled_fd_count()
 {
     return settled(count_open_fds, 5, 5);
@@ -161,17 +142,15 @@ int settled_fd_count()
 
 int settled_fd_count(pid_t pid)
 {
-    return settled([pid] { return count_open_fds_of(pid); }, 10, 10);
+    return settled([pid] { return static_cast<int>(fds_of(std::to_string(pid)).size()); }, 10, 10);
 }
 
 TempDir::TempDir()
 {
     const char* base = getenv("TMPDIR");
     path_ = std::string(base && *base ? base : "/tmp") + "/vexprod-test.XXXXXX";
-    if (!mkdtemp(path_.data())) {
-        perror("mkdtemp");
-        abort();
-    }
+    if (!mkdtemp(path_.data()))
+        throw std::runtime_error("cannot make " + path_);
 }
 
 TempDir::~TempDir()
@@ -213,29 +192,24 @@ DebugLogCapture::~DebugLogCapture()
 
 std::vector<std::string> DebugLogCapture::messages() const
 {
-    // A line is "[%05d] [time] message\n"; a message may hold newlines of
-    // its own, which then continue it on the following lines.
+    // A line is "[%05d] [time] message"; a message may hold newlines of its
+    // own, which then continue it on the following lines.
     std::vector<std::string> out;
-    const std::string text = read_text_file(file_);
-    for (size_t at = 0; at < text.size() && text[at] == '[';) {
-        size_t pid_end = text.find("] [", at);
-        size_t time_end = pid_end == std::string::npos ? pid_end : text.find("] ", pid_end + 3);
-        if (time_end == std::string::npos)
-            break;
-        size_t next = text.find("\n[", time_end);
-        size_t end = next == std::string::npos ? text.size() : next + 1;
-        std::string message = text.substr(time_end + 2, end - time_end - 2);
-        if (!message.empty() && message.back() == '\n')
-            message.pop_back();
-        out.push_back(message);
-        at = end;
+    std::istringstream in(read_text_file(file_));
+    for (std::string line; std::getline(in, line);) {
+        const size_t stamp = line.rfind('[', 0) == 0 ? line.find("] [") : std::string::npos;
+        const size_t from = stamp == std::string::npos ? stamp : line.find("] ", stamp + 3);
+        if (from != std::string::npos)
+            out.push_back(line.substr(from + 2));
+        else if (!out.empty())
+            out.back() += "\n" + line;
     }
     return out;
 }
 
 extern char** environ;
 
-int wait_process(pid_t pid, int timeout_ms)
+int wait_child(pid_t pid, int timeout_ms)
 {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     int status = 0;
@@ -253,16 +227,9 @@ int wait_process(pid_t pid, int timeout_ms)
     return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
 }
 
-ProcessResult run_process(const std::vector<std::string>& argv, const std::string& stdin_text,
-                          const std::vector<std::string>& extra_env, int timeout_ms)
+pid_t spawn_process(const std::vector<std::string>& argv, const std::vector<std::string>& extra_env, int in, int out,
+                    int err)
 {
-    // Files rather than pipes: nothing to pump, and a program that leaves a
-    // child holding its output open does not keep the test waiting.
-    ProcessResult result;
-    const int in = make_request_memfd(stdin_text), out = memfd_create("out", MFD_CLOEXEC),
-              err = memfd_create("err", MFD_CLOEXEC);
-    if (in >= 0)
-        lseek(in, 0, SEEK_SET);
     std::vector<std::string> env(extra_env);
     for (char** e = environ; *e; e++) {
         const std::string s = *e;
@@ -284,22 +251,32 @@ ProcessResult run_process(const std::vector<std::string>& argv, const std::strin
     posix_spawn_file_actions_adddup2(&actions, in, 0);
     posix_spawn_file_actions_adddup2(&actions, out, 1);
     posix_spawn_file_actions_adddup2(&actions, err, 2);
-    pid_t pid;
-    if (in >= 0 && out >= 0 && err >= 0 && posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data()) == 0) {
-        result.status = wait_process(pid, timeout_ms);
+    pid_t pid = -1;
+    if (in < 0 || out < 0 || err < 0 || posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data()) != 0)
+        pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+ProcessResult run_process(const std::vector<std::string>& argv, const std::string& stdin_text,
+                          const std::vector<std::string>& extra_env, int timeout_ms)
+{
+    // Files rather than pipes: nothing to pump, and a program that leaves a
+    // child holding its output open does not keep the test waiting.
+    ProcessResult result;
+    const int in = make_request_memfd(stdin_text), out = memfd_create("out", MFD_CLOEXEC),
+              err = memfd_create("err", MFD_CLOEXEC);
+    if (in >= 0)
+        lseek(in, 0, SEEK_SET);
+    if (pid_t pid = spawn_process(argv, extra_env, in, out, err); pid > 0) {
+        result.status = wait_child(pid, timeout_ms);
         result.out = read_fd_text(out);
         result.err = read_fd_text(err);
     }
-    posix_spawn_file_actions_destroy(&actions);
     for (int fd : {in, out, err})
         if (fd >= 0)
             close(fd);
     return result;
-}
-
-bool can_switch_user()
-{
-    return geteuid() == 0;
 }
 
 pid_t start_as(uid_t uid, gid_t gid, const std::function<int()>& body)
@@ -314,30 +291,18 @@ pid_t start_as(uid_t uid, gid_t gid, const std::function<int()>& body)
     return pid;
 }
 
-int wait_child(pid_t pid, int timeout_ms)
-{
-    int status = wait_process(pid, timeout_ms);
-    return status >= 128 ? -1 : status;
-}
-
 std::optional<std::string> run_as(uid_t uid, gid_t gid, const std::function<std::string()>& body, int timeout_ms)
 {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0)
-        return std::nullopt;
-    pid_t pid = start_as(uid, gid, [&] {
+    const int out = memfd_create("run_as", MFD_CLOEXEC);
+    const pid_t pid = out < 0 ? -1 : start_as(uid, gid, [&] {
         std::string text = body();
-        return write(ends[1], text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 113;
+        return write(out, text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 113;
     });
-    close(ends[1]);
-    std::string text;
-    char buf[4096];
-    struct pollfd p = {ends[0], POLLIN, 0};
-    for (ssize_t got; pid > 0 && poll(&p, 1, timeout_ms) == 1 && (got = read(ends[0], buf, sizeof(buf))) > 0;)
-        text.append(buf, static_cast<size_t>(got));
-    close(ends[0]);
-    if (pid <= 0 || wait_child(pid, timeout_ms) != 0)
-        return std::nullopt;
+    std::optional<std::string> text;
+    if (pid > 0 && wait_child(pid, timeout_ms) == 0)
+        text = read_fd_text(out);
+    if (out >= 0)
+        close(out);
     return text;
 }
 

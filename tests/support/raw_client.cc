@@ -108,20 +108,16 @@ std::string read_fd_text(int fd)
 }
 
 std::optional<std::string> raw_call(const std::string& sockfile, const std::string& name, const std::string& request,
-                                    int extra_fd, int* failed_type)
+                                    int extra_fd)
 {
     RawClient c;
-    int last = -1;
     std::optional<std::string> reply;
-    if (c.connect_to(sockfile) && (last = c.next_type(10000)) == DV_DIRECTIVE_ACCEPT) {
+    if (c.connect_to(sockfile) && c.next_type(10000) == DV_DIRECTIVE_ACCEPT) {
         int memfd = make_request_memfd(request);
         if (c.send_directive(DV_DIRECTIVE_REQUEST, extra_fd >= 0 ? DV_DIRECTIVE_FLAG_EXTRA_FD : 0, name) &&
-            c.send_fd(memfd) && (extra_fd < 0 || c.send_fd(extra_fd)) &&
-            (last = c.next_type(10000)) == DV_DIRECTIVE_REPLY)
+            c.send_fd(memfd) && (extra_fd < 0 || c.send_fd(extra_fd)) && c.next_type(10000) == DV_DIRECTIVE_REPLY)
             reply = read_fd_text(memfd);
         close(memfd);
     }
-    if (!reply && failed_type)
-        *failed_type = last;
     return reply;
 }

@@ -6,13 +6,11 @@
 #include <string>
 
 #include "dv.h"
+#include "support/os.h"
 
-class RawClient {
+class RawClient : NoCopy {
 public:
-    RawClient() = default;
     ~RawClient() { close_now(); }
-    RawClient(const RawClient&) = delete;
-    RawClient& operator=(const RawClient&) = delete;
 
     bool connect_to(const std::string& sockfile);
     int fd() const { return fd_; }
@@ -36,8 +34,7 @@ int make_request_memfd(const std::string& text);
 std::string read_fd_text(int fd);
 
 // One complete request by hand: connect, wait for the accept, send the name,
-// the memory file and maybe an extra descriptor, wait for the reply. Returns
-// the reply text, or nothing (then *failed_type, if given, holds the last
-// directive type seen or -1).
+// the memory file and maybe an extra descriptor, wait for the reply. Nothing
+// when a step failed.
 std::optional<std::string> raw_call(const std::string& sockfile, const std::string& name, const std::string& request,
-                                    int extra_fd = -1, int* failed_type = nullptr);
+                                    int extra_fd = -1);

@@ -1,8 +1,6 @@
-// The in-process services of support/services.h.
 #include "support/services.h"
 
 #include <fcntl.h>
-#include <sys/msg.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -11,8 +9,6 @@
 #include <filesystem>
 #include <string>
 #include <thread>
-
-#include "support/daemon_process.h"
 
 TestService::TestService(dv_exec_fn exec, u_int32_t mode, size_t workers)
     : handle_(dv_create(name().c_str(), mode, workers, exec))
@@ -75,11 +71,6 @@ HandlerService::~HandlerService()
     close(saved_stdout_);
 }
 
-std::string HandlerService::call(const std::string& command, const std::string& request, int* status, int fd) const
-{
-    return call_socket(service_.sockfile(), command, request, status, fd);
-}
-
 namespace {
 
 // The exec callback has no user pointer.
@@ -88,32 +79,18 @@ FakeNotifyService* g_current = nullptr;
 }  // namespace
 
 FakeNotifyService::FakeNotifyService()
+    : handle_(g_current ? nullptr : dv_create("VexProServer_notify-vexprod", DV_PTHREAD_MODE | DV_STANDALONE, 1, exec))
 {
-    if (g_current)
+    if (!handle_)
         abort();
     g_current = this;
-    start();
+    dv_start(handle_);
 }
 
 FakeNotifyService::~FakeNotifyService()
 {
-    stop();
+    dv_free(handle_);
     g_current = nullptr;
-}
-
-void FakeNotifyService::start()
-{
-    if (!handle_) {
-        handle_ = dv_create("VexProServer_notify-vexprod", DV_PTHREAD_MODE | DV_STANDALONE, 1, exec);
-        dv_start(handle_);
-    }
-}
-
-void FakeNotifyService::stop()
-{
-    if (handle_)
-        dv_free(handle_);
-    handle_ = nullptr;
 }
 
 std::vector<NotifyCall> FakeNotifyService::calls() const
@@ -140,36 +117,12 @@ void FakeNotifyService::exec(const char* name, dv_io* io, int fd)
     reply_text(io, "{\"result\":0}");
 }
 
-TestQueueKey::TestQueueKey(int slot)
-    : key_(static_cast<int>(0x5E000000U | ((static_cast<unsigned>(getpid()) & 0x3FFFFFU) << 2) |
-                            (static_cast<unsigned>(slot) & 3U)))
-{
-    remove();
-}
-
-bool TestQueueKey::exists() const
-{
-    return msgget(key_, 0) != -1;
-}
-
-void TestQueueKey::remove() const
-{
-    if (int id = msgget(key_, 0); id != -1)
-        msgctl(id, IPC_RMID, nullptr);
-}
-
 int thread_count()
 {
     // A sanitizer runtime may add a thread of its own at the process's first
     // pthread_create; that happens before anything is counted.
-    static const bool warmed_up = (std::thread([] {}).join(), true);
-    (void)warmed_up;
-    std::error_code ec;
-    int n = 0;
-    for (auto it = std::filesystem::directory_iterator("/proc/self/task", ec); !ec && it != decltype(it)();
-         it.increment(ec))
-        ++n;
-    return n;
+    [[maybe_unused]] static const bool warmed_up = (std::thread([] {}).join(), true);
+    return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
 }
 
 bool thread_in_msgrcv()

@@ -3,9 +3,11 @@
 // app's notification service, and System V queue keys of the test's own.
 #pragma once
 
+#include <sys/msg.h>
+#include <unistd.h>
+
 #include <condition_variable>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,22 +15,17 @@
 #include "daemon/dispatch.h"
 #include "dv.h"
 #include "handlers/registry.h"
-#include "support/sim_root.h"
+#include "support/daemon_process.h"
 
-// An in-process dv_ service for tests on a private socket path, freed when
-// the object goes away.
-class TestService {
+// A service on a private socket path, listening once constructed. Without
+// DV_STANDALONE in mode, dv_start runs the producer on a thread of the test's.
+class TestService : NoCopy {
 public:
-    // Listening once constructed. Without DV_STANDALONE in mode, dv_start
-    // runs the producer on a thread of the test's.
     TestService(dv_exec_fn exec, u_int32_t mode = DV_PTHREAD_MODE | DV_STANDALONE, size_t workers = 2);
     ~TestService() { stop(); }
-    TestService(const TestService&) = delete;
-    TestService& operator=(const TestService&) = delete;
 
     const std::string& sockfile() const { return sockfile_; }
-    // The name a client passes: "@" and the socket path.
-    std::string name() const { return "@" + sockfile_; }
+    std::string name() const { return "@" + sockfile_; }  // the name a client passes
     dv_handle* handle() { return handle_; }
     void stop();  // dv_free now (idempotent)
 
@@ -50,7 +47,7 @@ void echo_exec(const char* name, dv_io* io, int fd);
 // The daemon's dispatcher served in this process on a fresh simulated root,
 // with the debug log in a private directory: handlers called exactly as the
 // app calls them, through the real client library.
-class HandlerService {
+class HandlerService : NoCopy {
 public:
     // exec: service_handler, sendmail_service_handler, or a test's own.
     explicit HandlerService(dv_exec_fn exec = service_handler, size_t workers = 2);
@@ -58,8 +55,10 @@ public:
 
     SimRoot& root() { return root_; }
     const DebugLogCapture& log() const { return log_; }
-    // As call_socket.
-    std::string call(const std::string& command, const std::string& request, int* status = nullptr, int fd = -1) const;
+    std::string call(const std::string& command, const std::string& request, int* status = nullptr, int fd = -1) const
+    {
+        return call_socket(service_.sockfile(), command, request, status, fd);
+    }
 
 private:
     // The dispatcher points descriptor 1 at /dev/null after every request;
@@ -79,49 +78,39 @@ struct NotifyCall {
     std::string text;
 };
 
-class FakeNotifyService {
+class FakeNotifyService : NoCopy {
 public:
     FakeNotifyService();
     ~FakeNotifyService();
-    FakeNotifyService(const FakeNotifyService&) = delete;
-    FakeNotifyService& operator=(const FakeNotifyService&) = delete;
-
-    // Takes the service away (callers then fail to connect) and brings it
-    // back; the socket directory and the calls stay.
-    void stop();
-    void start();
 
     std::vector<NotifyCall> calls() const;
-    // Until at least n calls have arrived; false on timeout.
-    bool wait_calls(size_t n, int timeout_ms = 5000) const;
+    bool wait_calls(size_t n, int timeout_ms = 5000) const;  // false when fewer came
 
 private:
     static void exec(const char* name, dv_io* io, int fd);
 
     TempDir sockets_;
     ScopedEnv env_{"DV_SOCKET_DIR", sockets_.path().c_str()};
-    dv_handle* handle_ = nullptr;
+    dv_handle* handle_;
     mutable std::mutex mutex_;
     mutable std::condition_variable arrived_;
     std::vector<NotifyCall> calls_;
 };
 
-// System V message queues in tests: keys derived from the test's pid, so
-// tests side by side never meet, whose queue is removed on the way in and
-// out, even when the test fails.
-class TestQueueKey {
+// A System V queue key derived from the test's pid, so that tests side by
+// side never meet; its queue is removed on the way in and out, even when the
+// test fails.
+class TestQueueKey : NoCopy {
 public:
-    explicit TestQueueKey(int slot = 0);  // slot 0-3: several keys for one test
+    TestQueueKey() { remove(); }
     ~TestQueueKey() { remove(); }
-    TestQueueKey(const TestQueueKey&) = delete;
-    TestQueueKey& operator=(const TestQueueKey&) = delete;
 
     int key() const { return key_; }
-    bool exists() const;
-    void remove() const;
+    bool exists() const { return msgget(key_, 0) != -1; }
+    void remove() const { msgctl(msgget(key_, 0), IPC_RMID, nullptr); }
 
 private:
-    int key_;
+    const int key_ = static_cast<int>(0x5E000000U | (static_cast<unsigned>(getpid()) & 0xFFFFFFU));
 };
 
 // The threads of this process, and whether one of them waits in msgrcv now.

@@ -4,6 +4,7 @@
 #include "sim/fields.h"
 
 #include <filesystem>
+#include <sstream>
 #include <stdexcept>
 
 namespace fs = std::filesystem;
@@ -32,27 +33,17 @@ void SimRoot::make()
 
 std::vector<SimCall> SimRoot::calls() const
 {
+    // A line: who, argc, the arguments and maybe the input, tab-separated.
     std::vector<SimCall> out;
-    const std::string text = read_text_file(abs(sim::JOURNAL));
+    std::istringstream in(read_text_file(abs(sim::JOURNAL)));
     std::vector<std::string> f;
-    for (std::size_t start = 0, end; start < text.size(); start = end + 1) {
-        end = text.find('\n', start);
-        if (end == std::string::npos)
-            throw std::runtime_error("unterminated journal line: " + text.substr(start));
-        const std::string line = text.substr(start, end - start);
-        std::size_t n = 0;
-        bool ok = sim::split_fields(line, f) && f.size() >= 2 && !f[1].empty() &&
-                  f[1].find_first_not_of("0123456789") == std::string::npos;
-        if (ok) {
-            n = std::stoul(f[1]);
-            ok = f.size() == n + 2 || f.size() == n + 3;
-        }
-        if (!ok)
-            throw std::runtime_error("malformed journal line: " + line);
-        SimCall call{f[0], std::vector<std::string>(f.begin() + 2, f.begin() + 2 + n), std::nullopt};
-        if (f.size() == n + 3)
-            call.input = f.back();
-        out.push_back(std::move(call));
+    for (std::string line; std::getline(in, line);) {
+        const bool split = sim::split_fields(line, f) && f.size() >= 2;
+        const std::size_t n = split ? std::strtoul(f[1].c_str(), nullptr, 10) : 0;
+        if (!split || in.eof() || f[1] != std::to_string(n) || (f.size() != n + 2 && f.size() != n + 3))
+            throw std::runtime_error("malformed or unterminated journal line: " + line);
+        out.push_back({f[0], std::vector<std::string>(f.begin() + 2, f.begin() + 2 + n),
+                       f.size() == n + 3 ? std::optional(f.back()) : std::nullopt});
     }
     return out;
 }

@@ -19,12 +19,10 @@ struct SimCall {
     bool operator==(const SimCall&) const = default;
 };
 
-class SimRoot {
+class SimRoot : NoCopy {
 public:
     SimRoot();  // throws std::runtime_error when the root cannot be made
     ~SimRoot();
-    SimRoot(const SimRoot&) = delete;
-    SimRoot& operator=(const SimRoot&) = delete;
 
     const std::string& path() const { return root_; }
     // Where a platform path ("/sbin/conf_get") lives on the host.
@@ -32,8 +30,7 @@ public:
     // VEXPROD_PLATFORM_ROOT at this root while the object lives, for
     // handlers run in this process.
     void make_current() { env_.emplace("VEXPROD_PLATFORM_ROOT", root_.c_str()); }
-    // Back to the initial state, journal empty.
-    void reset() { make(); }
+    void reset() { make(); }  // back to the initial state, journal empty
 
     // Every call in journal order, or those of one program or library.
     std::vector<SimCall> calls() const;
