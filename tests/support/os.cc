@@ -42,11 +42,6 @@ ScopedEnv::ScopedEnv(const char* name, const char* value) : name_(name)
     value ? setenv(name, value, 1) : unsetenv(name);
 }
 
-ScopedEnv::~ScopedEnv()
-{
-    old_ ? setenv(name_.c_str(), old_->c_str(), 1) : unsetenv(name_.c_str());
-}
-
 std::string read_text_file(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <functional>
 #include <optional>
 #include <string>
@@ -30,7 +31,7 @@ std::string format_text(const char* fmt, ...) __attribute__((format(printf, 1, 2
 class ScopedEnv : NoCopy {
 public:
     ScopedEnv(const char* name, const char* value);
-    ~ScopedEnv();
+    ~ScopedEnv() { old_ ? setenv(name_.c_str(), old_->c_str(), 1) : unsetenv(name_.c_str()); }
 
 private:
     std::string name_;

@@ -43,9 +43,7 @@ int RawClient::next_type(int timeout_ms)
 
 bool RawClient::send_directive(uint8_t type, uint8_t flags, const std::string& data)
 {
-    dv_directive d = {};
-    d.type = type;
-    d.flags = flags;
+    dv_directive d = {.type = type, .flags = flags, .data = {}};
     memcpy(d.data, data.data(), std::min(data.size(), sizeof(d.data)));
     return send_bytes(&d, sizeof(d));
 }
@@ -60,15 +58,10 @@ bool RawClient::send_fd(int fd)
     char byte = 0;
     struct iovec iov = {&byte, 1};
     alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    struct msghdr msg = {};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control;
-    msg.msg_controllen = CMSG_LEN(sizeof(int));
+    struct msghdr msg = {.msg_name = nullptr, .msg_namelen = 0, .msg_iov = &iov, .msg_iovlen = 1,
+                         .msg_control = control, .msg_controllen = CMSG_LEN(sizeof(int)), .msg_flags = 0};
     struct cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
-    cmsg->cmsg_len = CMSG_LEN(sizeof(int));
-    cmsg->cmsg_level = SOL_SOCKET;
-    cmsg->cmsg_type = SCM_RIGHTS;
+    *cmsg = {.cmsg_len = CMSG_LEN(sizeof(int)), .cmsg_level = SOL_SOCKET, .cmsg_type = SCM_RIGHTS};
     memcpy(CMSG_DATA(cmsg), &fd, sizeof(int));
     return sendmsg(fd_, &msg, MSG_NOSIGNAL) == 1;
 }

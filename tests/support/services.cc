@@ -71,26 +71,19 @@ HandlerService::~HandlerService()
     close(saved_stdout_);
 }
 
-namespace {
-
-// The exec callback has no user pointer.
-FakeNotifyService* g_current = nullptr;
-
-}  // namespace
-
 FakeNotifyService::FakeNotifyService()
-    : handle_(g_current ? nullptr : dv_create("VexProServer_notify-vexprod", DV_PTHREAD_MODE | DV_STANDALONE, 1, exec))
+    : handle_(current_ ? nullptr : dv_create("VexProServer_notify-vexprod", DV_PTHREAD_MODE | DV_STANDALONE, 1, exec))
 {
     if (!handle_)
         abort();
-    g_current = this;
+    current_ = this;
     dv_start(handle_);
 }
 
 FakeNotifyService::~FakeNotifyService()
 {
     dv_free(handle_);
-    g_current = nullptr;
+    current_ = nullptr;
 }
 
 std::vector<NotifyCall> FakeNotifyService::calls() const
@@ -108,9 +101,9 @@ bool FakeNotifyService::wait_calls(size_t n, int timeout_ms) const
 void FakeNotifyService::exec(const char* name, dv_io* io, int fd)
 {
     {
-        std::lock_guard<std::mutex> lock(g_current->mutex_);
-        g_current->calls_.push_back({name, request_text(io)});
-        g_current->arrived_.notify_all();
+        std::lock_guard<std::mutex> lock(current_->mutex_);
+        current_->calls_.push_back({name, request_text(io)});
+        current_->arrived_.notify_all();
     }
     if (fd >= 0)
         close(fd);

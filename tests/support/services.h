@@ -72,7 +72,7 @@ private:
 // A stand-in for the app's notification service: serves the real name
 // "VexProServer_notify-vexprod" from a private socket directory (DV_SOCKET_DIR
 // points there while the object lives), records every call and answers
-// {"result":0}. One instance at a time.
+// {"result":0}. One instance at a time: the callback has no user pointer.
 struct NotifyCall {
     std::string command;
     std::string text;
@@ -88,6 +88,7 @@ public:
 
 private:
     static void exec(const char* name, dv_io* io, int fd);
+    static inline FakeNotifyService* current_ = nullptr;
 
     TempDir sockets_;
     ScopedEnv env_{"DV_SOCKET_DIR", sockets_.path().c_str()};

@@ -9,11 +9,6 @@
 
 namespace fs = std::filesystem;
 
-SimRoot::SimRoot() : root_(dir_.path())
-{
-    make();
-}
-
 SimRoot::~SimRoot()
 {
     // A test may have taken write permission away to provoke failures; the

@@ -21,7 +21,7 @@ struct SimCall {
 
 class SimRoot : NoCopy {
 public:
-    SimRoot();  // throws std::runtime_error when the root cannot be made
+    SimRoot() : root_(dir_.path()) { make(); }  // throws std::runtime_error when the root cannot be made
     ~SimRoot();
 
     const std::string& path() const { return root_; }
