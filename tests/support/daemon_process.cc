@@ -21,7 +21,6 @@ DaemonProcess::DaemonProcess(SimRoot& root) : root_(root)
     program_ = "vxd" + std::to_string(getpid() % 1000000) + "_" + std::to_string(instances++ % 1000);
     if (symlink(daemon_binary().c_str(), program_path().c_str()) != 0)
         throw std::runtime_error("cannot link " + program_path());
-    err_file_ = bin_.file("stderr");
     // The names hash into the daemon's socket directory.
     ScopedEnv env("DV_SOCKET_DIR", sockets_.path().c_str());
     char path[MAXIMUM_NAME_SIZE];
@@ -31,18 +30,12 @@ DaemonProcess::DaemonProcess(SimRoot& root) : root_(root)
     mail_socket_ = path;
 }
 
-DaemonProcess::~DaemonProcess()
-{
-    if (pid_ > 0)
-        stop(SIGTERM, 5000);
-}
-
 pid_t DaemonProcess::spawn(const std::vector<std::string>& args)
 {
     std::vector<std::string> argv = {program_path()};
     argv.insert(argv.end(), args.begin(), args.end());
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC),
-              err = open(err_file_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+              err = open(bin_.file("stderr").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     pid_ = spawn_process(argv, {"DV_SOCKET_DIR=" + sockets_.path(), "VEXPROD_PLATFORM_ROOT=" + root_.path()}, null,
                          null, err);
     close(null);

@@ -1,6 +1,5 @@
 // The daemon binary on a simulated root with a private socket directory,
-// called through the real client library; the fixture the case driver and
-// the end-to-end tests that cannot be rows share.
+// called through the real client library, and its test fixture.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -36,7 +35,7 @@ public:
     // own (a symbolic link), so that daemons of tests running side by side
     // do not take each other for a second instance.
     explicit DaemonProcess(SimRoot& root);
-    ~DaemonProcess();
+    ~DaemonProcess() { stop(); }
 
     // Starts and waits until both services answer; false when it ended first.
     bool start(const std::vector<std::string>& args = {});
@@ -51,7 +50,7 @@ public:
     const std::string& command_socket() const { return command_socket_; }
     const std::string& mail_socket() const { return mail_socket_; }
     // A file, since the daemon may outlive a pipe.
-    std::string stderr_text() const { return read_text_file(err_file_); }
+    std::string stderr_text() const { return read_text_file(bin_.file("stderr")); }
     std::string debug_log() const { return read_text_file(root_.abs("/opt/VexProServer/.log/.dwe_dv_vexprod.log")); }
 
     // Safe from any thread.
@@ -72,7 +71,6 @@ private:
     std::string mail_socket_;
     TempDir bin_;
     std::string program_;
-    std::string err_file_;
     pid_t pid_ = -1;
     int status_ = -1;
 };

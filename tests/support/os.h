@@ -1,5 +1,4 @@
-// What a test needs of the operating system: the build's whereabouts, the
-// environment, files, descriptors, processes, other users, the debug log.
+// What a test needs of the operating system.
 #pragma once
 
 #include <sys/types.h>
@@ -11,7 +10,6 @@
 #include <string>
 #include <vector>
 
-// For owners of a directory, a descriptor, a process or a setting.
 struct NoCopy {
     NoCopy() = default;
     NoCopy(const NoCopy&) = delete;

@@ -1,10 +1,8 @@
 #include "support/services.h"
 
-#include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <string>
@@ -57,12 +55,6 @@ void echo_exec(const char* name, dv_io* io, int fd)
                        std::to_string(dv_io_uid(io)) + "|" + std::to_string(dv_io_gid(io)));
 }
 
-HandlerService::HandlerService(dv_exec_fn exec, size_t workers)
-    : saved_stdout_(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)), service_(exec, DV_PTHREAD_MODE | DV_STANDALONE, workers)
-{
-    root_.make_current();
-}
-
 HandlerService::~HandlerService()
 {
     service_.stop();
@@ -92,21 +84,12 @@ std::vector<NotifyCall> FakeNotifyService::calls() const
     return calls_;
 }
 
-bool FakeNotifyService::wait_calls(size_t n, int timeout_ms) const
-{
-    std::unique_lock<std::mutex> lock(mutex_);
-    return arrived_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return calls_.size() >= n; });
-}
-
 void FakeNotifyService::exec(const char* name, dv_io* io, int fd)
 {
-    {
-        std::lock_guard<std::mutex> lock(current_->mutex_);
-        current_->calls_.push_back({name, request_text(io)});
-        current_->arrived_.notify_all();
-    }
     if (fd >= 0)
         close(fd);
+    std::lock_guard<std::mutex> lock(current_->mutex_);
+    current_->calls_.push_back({name, request_text(io)});
     reply_text(io, "{\"result\":0}");
 }
 

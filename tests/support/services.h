@@ -1,12 +1,10 @@
-// Services and queues a test runs in its own process: an echo service on a
-// private socket, the dispatcher over a simulated root, a stand-in for the
-// app's notification service, and System V queue keys of the test's own.
+// Services and queues a test runs in its own process.
 #pragma once
 
+#include <fcntl.h>
 #include <sys/msg.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -44,13 +42,17 @@ void reply_text(dv_io* io, const std::string& text);
 // descriptor before closing it.
 void echo_exec(const char* name, dv_io* io, int fd);
 
-// The daemon's dispatcher served in this process on a fresh simulated root,
-// with the debug log in a private directory: handlers called exactly as the
-// app calls them, through the real client library.
+// The daemon's dispatcher (or a test's own) served in this process on a fresh
+// simulated root, the debug log in a private directory: handlers called
+// exactly as the app calls them, through the real client library.
 class HandlerService : NoCopy {
 public:
-    // exec: service_handler, sendmail_service_handler, or a test's own.
-    explicit HandlerService(dv_exec_fn exec = service_handler, size_t workers = 2);
+    explicit HandlerService(dv_exec_fn exec = service_handler, size_t workers = 2)
+        : saved_stdout_(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)),
+          service_(exec, DV_PTHREAD_MODE | DV_STANDALONE, workers)
+    {
+        root_.make_current();
+    }
     ~HandlerService();
 
     SimRoot& root() { return root_; }
@@ -84,7 +86,7 @@ public:
     ~FakeNotifyService();
 
     std::vector<NotifyCall> calls() const;
-    bool wait_calls(size_t n, int timeout_ms = 5000) const;  // false when fewer came
+    bool wait_calls(size_t n) const { return eventually([&] { return calls().size() >= n; }, 5000); }
 
 private:
     static void exec(const char* name, dv_io* io, int fd);
@@ -94,7 +96,6 @@ private:
     ScopedEnv env_{"DV_SOCKET_DIR", sockets_.path().c_str()};
     dv_handle* handle_;
     mutable std::mutex mutex_;
-    mutable std::condition_variable arrived_;
     std::vector<NotifyCall> calls_;
 };
 
