@@ -62,6 +62,45 @@ std::string msgrcv_error(int e, int id)
            "\n";
 }
 
+// The app's notification service as the consumers reach it: its real name in
+// a private socket directory; every call recorded and answered {"result":0}.
+class FakeNotifyService : NoCopy {
+public:
+    struct Call {
+        std::string command, text;
+    };
+    FakeNotifyService()
+    {
+        calls_.clear();
+        dv_start(handle_);
+    }
+    ~FakeNotifyService() { dv_free(handle_); }
+
+    std::vector<Call> calls() const
+    {
+        std::lock_guard<std::mutex> lock(lock_);
+        return calls_;
+    }
+    bool wait_calls(size_t n) const { return eventually([&] { return calls().size() >= n; }, 5000); }
+
+private:
+    // Static: the callback has no user pointer.
+    static void exec(const char* name, dv_io* io, int fd)
+    {
+        if (fd >= 0)
+            close(fd);
+        std::lock_guard<std::mutex> lock(lock_);
+        calls_.push_back({name, request_text(io)});
+        reply_text(io, "{\"result\":0}");
+    }
+    static inline std::mutex lock_;
+    static inline std::vector<Call> calls_;
+
+    TempDir sockets_;
+    ScopedEnv env_{"DV_SOCKET_DIR", sockets_.path().c_str()};
+    dv_handle* handle_ = dv_create("VexProServer_notify-vexprod", DV_PTHREAD_MODE | DV_STANDALONE, 1, exec);
+};
+
 TEST(Msgq, SendResults)
 {
     TestQueueKey key;

@@ -63,36 +63,6 @@ HandlerService::~HandlerService()
     close(saved_stdout_);
 }
 
-FakeNotifyService::FakeNotifyService()
-    : handle_(current_ ? nullptr : dv_create("VexProServer_notify-vexprod", DV_PTHREAD_MODE | DV_STANDALONE, 1, exec))
-{
-    if (!handle_)
-        abort();
-    current_ = this;
-    dv_start(handle_);
-}
-
-FakeNotifyService::~FakeNotifyService()
-{
-    dv_free(handle_);
-    current_ = nullptr;
-}
-
-std::vector<NotifyCall> FakeNotifyService::calls() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return calls_;
-}
-
-void FakeNotifyService::exec(const char* name, dv_io* io, int fd)
-{
-    if (fd >= 0)
-        close(fd);
-    std::lock_guard<std::mutex> lock(current_->mutex_);
-    current_->calls_.push_back({name, request_text(io)});
-    reply_text(io, "{\"result\":0}");
-}
-
 int thread_count()
 {
     // A sanitizer runtime may add a thread of its own at the process's first

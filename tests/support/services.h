@@ -5,7 +5,6 @@
 #include <sys/msg.h>
 #include <unistd.h>
 
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -69,34 +68,6 @@ private:
     DebugLogCapture log_;
     SimRoot root_;
     TestService service_;
-};
-
-// A stand-in for the app's notification service: serves the real name
-// "VexProServer_notify-vexprod" from a private socket directory (DV_SOCKET_DIR
-// points there while the object lives), records every call and answers
-// {"result":0}. One instance at a time: the callback has no user pointer.
-struct NotifyCall {
-    std::string command;
-    std::string text;
-};
-
-class FakeNotifyService : NoCopy {
-public:
-    FakeNotifyService();
-    ~FakeNotifyService();
-
-    std::vector<NotifyCall> calls() const;
-    bool wait_calls(size_t n) const { return eventually([&] { return calls().size() >= n; }, 5000); }
-
-private:
-    static void exec(const char* name, dv_io* io, int fd);
-    static inline FakeNotifyService* current_ = nullptr;
-
-    TempDir sockets_;
-    ScopedEnv env_{"DV_SOCKET_DIR", sockets_.path().c_str()};
-    dv_handle* handle_;
-    mutable std::mutex mutex_;
-    std::vector<NotifyCall> calls_;
 };
 
 // A System V queue key derived from the test's pid, so that tests side by
