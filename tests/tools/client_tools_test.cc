@@ -139,7 +139,6 @@ TEST(ClientTools, EachWayOfCallingHasItsOutputAndStatus)
         {{"dv-call", "--check", S, "x", "{\"error_code\":0,\"result\":\"-1\"}"}, 0,
          "{\"error_code\":0,\"result\":\"-1\"}", ""},
         {{"dv-call", "--pretty", S, "x", "{\"b\":1,\"a\":\"x\"}"}, 0, "{\n  \"a\" : \"x\",\n  \"b\" : 1\n}\n", ""},
-        {{"dv-call", "--version"}, 0, std::string("dv-call ") + DV_VERSION_STRING + "\n", ""},
         {{"dv-call"}, 7, "", usage("missing SERVICE or COMMAND")},
         {{"dv-call", "--timeout"}, 7, "", usage("--timeout needs a number of seconds")},
         {{"dv-call", "--timeout", "-1", "svc", "cmd"}, 7, "", usage("--timeout needs a number of seconds")},
