@@ -48,7 +48,6 @@ TEST(AbortDeathTest, EachMisuseAbortsWithItsLine)
         {[] { dv_create("svc", 1, 1, noop_exec); },
          "@dv_create() mode miss DV_PROCESS_MODE or DV_PTHREAD_MODE: `(mode | DV_STANDALONE) != DV_STANDALONE'"},
         {[] { dv_create("svc", 6, 1, noop_exec); }, mode},
-        {[] { dv_create("svc", 7, 1, noop_exec); }, mode},
         {[] { dv_create("svc", 4, 0, noop_exec); }, "@dv_create() workers option cannot be zero: `workers > 0'"},
         {[] { dv_create("svc", 4, 1, nullptr); }, "@dv_create() exec must be callable function pointer: `exec'"},
         {[] { dv_create("@tmp", 4, 1, noop_exec); },

@@ -27,14 +27,12 @@ TEST(PlatformLibs, NoLibraryStaysLoadedAfterACall)
         }
         return reply;
     };
+    // Every handler loads and unloads through call_platform_function: one
+    // call into each library, and each way a list is handed over.
     const char* const calls[][2] = {
         {"vex_auth_add_session", R"({"type": 1, "user": "alice", "sid": "S-1"})"},
-        {"vex_auth_get_session", R"({"type": 1, "length": 0, "sid": "S-1"})"},
-        {"vex_auth_get_session", R"({"type": 1, "length": 0, "sid": "unknown"})"},
         {"get_all_users", "{}"},
-        {"get_all_groups", "{}"},
         {"get_group_members", R"({"group_name": "everyone"})"},
-        {"get_group_members", R"({"group_name": "unknown"})"},
         {"get_sms_config", "{}"},
     };
     for (const auto& c : calls)
