@@ -9,10 +9,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -216,59 +217,44 @@ private:
         auto [a, b] = word(rest);
         if (verb != "$")
             check_journal();
+        auto mode = [&] { return std::stoi(b, nullptr, 8); };
+        const std::map<std::string, std::function<void()>> verbs = {
+            {"<", [&] { check_replies(rest); }},
+            {"$", [&] { journal_.push_back(rest); }},
+            {"=", [&] { check_file(a, b); }},
+            {"exit", [&] { root_.set_exit(a, std::stoi(b)); }},
+            {"out", [&] { root_.set_output(a, expand(text_arg(b))); }},
+            {"err", [&] { root_.set_stderr(a, text_arg(b)); }},
+            {"write", [&] { root_.write_file(expand(a), expand(text_arg(b))); }},
+            {"rm", [&] { root_.remove(expand(rest)); }},
+            {"add", [&] { root_.add_program(rest); }},
+            {"mkdir", [&] { fs::create_directories(path(a)), need(b.empty() || chmod(path(a).c_str(), mode()) == 0); }},
+            {"chmod", [&] { need(chmod(path(a).c_str(), mode()) == 0); }},
+            {"chown", [&] { need(lchown(path(a).c_str(), std::stoi(b), std::stoi(b)) == 0); }},
+            {"ln", [&] { fs::create_symlink(source(a), path(b)); }},
+            {"hardln", [&] { fs::create_hard_link(path(a), path(b)); }},
+            {"mkfifo", [&] { need(mkfifo(path(rest).c_str(), 0666) == 0); }},
+            {"cp", [&] { fs::copy_file(source(a), path(b), fs::copy_options::overwrite_existing); }},
+            // A fresh root, so a fresh daemon (its log was in the old one).
+            {"reset", [&] { stop(), root_.reset(), start(), begin_case(); }},
+            {"hide", [&] { hidden_.insert(rest); }},
+            {"as", [&] { uid_ = rest == "nobody" ? kSpareUid : rest == "root" ? 0 : std::stoi(rest); }},
+            {"policy", [&] { need(reload_policy(root_, *daemon_, rest.empty() ? "" : policy_ + text_arg(rest))); }},
+            {"stop", [&] { stop(); }},
+            {"start", [&] {  // start [NAME=VALUE]: with that in its environment
+                 std::optional<ScopedEnv> env;
+                 if (size_t eq = rest.find('='); eq != std::string::npos)
+                     env.emplace(rest.substr(0, eq).c_str(), rest.c_str() + eq + 1);
+                 start(), begin_case();
+             }},
+        };
         if (verb[0] == '>')
             call(verb.substr(1), rest);
-        else if (verb == "<")
-            check_replies(rest);
-        else if (verb == "$")
-            journal_.push_back(rest);
-        else if (verb == "=")
-            check_file(a, b);
         else if (verb[0] == '~')
             check_log(verb.substr(1), rest);
-        else if (verb == "exit")
-            root_.set_exit(a, std::stoi(b));
-        else if (verb == "out")
-            root_.set_output(a, expand(text_arg(b)));
-        else if (verb == "err")
-            root_.set_stderr(a, text_arg(b));
-        else if (verb == "write")
-            root_.write_file(expand(a), expand(text_arg(b)));
-        else if (verb == "rm")
-            root_.remove(expand(rest));
-        else if (verb == "add")
-            root_.add_program(rest);
-        else if (verb == "mkdir")
-            fs::create_directories(path(a)), need(b.empty() || chmod(path(a).c_str(), std::stoi(b, nullptr, 8)) == 0);
-        else if (verb == "chmod")
-            need(chmod(path(a).c_str(), std::stoi(b, nullptr, 8)) == 0);
-        else if (verb == "chown")
-            need(lchown(path(a).c_str(), std::stoi(b), std::stoi(b)) == 0);
-        else if (verb == "ln")
-            fs::create_symlink(source(a), path(b));
-        else if (verb == "hardln")
-            fs::create_hard_link(path(a), path(b));
-        else if (verb == "mkfifo")
-            need(mkfifo(path(rest).c_str(), 0666) == 0);
-        else if (verb == "cp")
-            fs::copy_file(source(a), path(b), fs::copy_options::overwrite_existing);
-        else if (verb == "reset")  // a fresh root, so a fresh daemon (its log was in the old one)
-            stop(), root_.reset(), start(), begin_case();
-        else if (verb == "hide")
-            hidden_.insert(rest);
-        else if (verb == "as")
-            uid_ = rest == "nobody" ? kSpareUid : rest == "root" ? 0 : std::stoi(rest);
-        else if (verb == "policy")
-            need(reload_policy(root_, *daemon_, rest.empty() ? "" : policy_ + text_arg(rest)));
-        else if (verb == "stop")
-            stop();
-        else if (verb == "start") {  // start [NAME=VALUE]: with that in its environment
-            std::optional<ScopedEnv> env;
-            if (size_t eq = rest.find('='); eq != std::string::npos)
-                env.emplace(rest.substr(0, eq).c_str(), rest.c_str() + eq + 1);
-            start();
-            begin_case();
-        } else
+        else if (auto it = verbs.find(verb); it != verbs.end())
+            it->second();
+        else
             throw std::runtime_error("unknown line");
     }
 
