@@ -6,6 +6,7 @@
 //   driver --coverage FILE...  every command of both tables has a case
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/msg.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -339,6 +340,12 @@ private:
         const bool there = lstat(host.c_str(), &st) == 0;
         if (p.back() == '/')
             return expect("listing of " + p, what, listing(host));
+        if (p.rfind("queue:", 0) == 0) {
+            struct msqid_ds ds = {};
+            const bool made = msgctl(msgget(std::stoi(p.substr(6)), 0), IPC_STAT, &ds) == 0;
+            return expect("mode and group of " + p, what.substr(5),
+                          made ? format_text("%o %u", ds.msg_perm.mode & 0777, unsigned(ds.msg_perm.gid)) : "missing");
+        }
         if (what == "absent")
             return expect(p, "absent", there ? "present" : "absent");
         if (what.rfind("mode ", 0) == 0)

@@ -290,27 +290,6 @@ TEST_F(Security, ASpoolEntrySwappedDuringTheSendGoesBackToTheSpool)
               std::string::npos);
 }
 
-// The policy's queue senders may put records on both queues (group write);
-// a policy others could have written names no senders.
-TEST_F(Security, QueueSendersFollowThePolicy)
-{
-    auto modes = [] {
-        std::string out;
-        for (int key : {65521, 65522}) {
-            struct msqid_ds ds = {};
-            msgctl(msgget(key, 0), IPC_STAT, &ds);
-            out += std::to_string(ds.msg_perm.mode & 0777) + ":" + std::to_string(ds.msg_perm.gid) + " ";
-        }
-        return out;
-    };
-    ASSERT_TRUE(reload_policy(root_, daemon_, root_.read_file(PATH_CALLER_POLICY) + "[queues]\nsenders = nogroup\n"));
-    EXPECT_EQ(modes(), "400:65534 400:65534 ");  // 0620
-    ASSERT_EQ(chmod(root_.abs(PATH_CALLER_POLICY).c_str(), 0666), 0);
-    ASSERT_TRUE(reload_policy(root_, daemon_));
-    const std::string own = "384:" + std::to_string(getegid()) + " ";  // 0600
-    EXPECT_EQ(modes(), own + own);
-}
-
 // Queues planted at the daemon's keys before it starts are replaced: one
 // plainly the spare user's, one handed to root so that it looks like ours
 // while its maker keeps every right over it.
