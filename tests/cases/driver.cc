@@ -241,12 +241,13 @@ private:
             {"hide", [&] { hidden_.insert(rest); }},
             {"as", [&] { uid_ = rest == "nobody" ? kSpareUid : rest == "root" ? 0 : std::stoi(rest); }},
             {"policy", [&] { need(reload_policy(root_, *daemon_, rest.empty() ? "" : policy_ + text_arg(rest))); }},
+            {"plant", [&] { plant(std::stoi(a), b == "root"); }},
             {"stop", [&] { stop(); }},
             {"start", [&] {  // start [NAME=VALUE]: with that in its environment
                  std::optional<ScopedEnv> env;
                  if (size_t eq = rest.find('='); eq != std::string::npos)
                      env.emplace(rest.substr(0, eq).c_str(), rest.c_str() + eq + 1);
-                 start(), begin_case();
+                 start(), root_.clear_calls();
              }},
         };
         if (verb[0] == '>')
@@ -257,6 +258,22 @@ private:
             it->second();
         else
             throw std::runtime_error("unknown line");
+    }
+
+    // A message queue at key, made by the case's user and maybe handed to
+    // root, so that it looks like the daemon's while its maker keeps every right.
+    void plant(int key, bool to_root)
+    {
+        const auto made = run_as(uid_, uid_, [&] {
+            struct msqid_ds ds;
+            const int id = msgget(key, IPC_CREAT | IPC_EXCL | 0666);
+            if (id == -1 || (to_root && msgctl(id, IPC_STAT, &ds) != 0))
+                return std::string(strerror(errno));
+            ds.msg_perm.uid = 0;
+            return std::string(to_root && msgctl(id, IPC_SET, &ds) != 0 ? strerror(errno) : "");
+        });
+        if (made != "")
+            throw std::runtime_error("no queue planted: " + made.value_or("the other user's client failed"));
     }
 
     void call(const std::string& how, const std::string& rest)
@@ -343,8 +360,10 @@ private:
         if (p.rfind("queue:", 0) == 0) {
             struct msqid_ds ds = {};
             const bool made = msgctl(msgget(std::stoi(p.substr(6)), 0), IPC_STAT, &ds) == 0;
-            return expect("mode and group of " + p, what.substr(5),
-                          made ? format_text("%o %u", ds.msg_perm.mode & 0777, unsigned(ds.msg_perm.gid)) : "missing");
+            return expect("mode, owner, creator and group of " + p, what.substr(5),
+                          made ? format_text("%o %u %u %u", ds.msg_perm.mode & 0777, unsigned(ds.msg_perm.uid),
+                                             unsigned(ds.msg_perm.cuid), unsigned(ds.msg_perm.gid))
+                               : "missing");
         }
         if (what == "absent")
             return expect(p, "absent", there ? "present" : "absent");

@@ -1,7 +1,7 @@
 // What cannot be a row of a case file: attacks on the wire by users other
 // than root, each followed by the app's own requests, answered at once and
 // exactly; long requests in parallel, a spool entry swapped while sendmail
-// runs, queues planted before the daemon starts.
+// runs.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -263,61 +263,6 @@ TEST_F(Security, ASpoolEntrySwappedDuringTheSendGoesBackToTheSpool)
     EXPECT_NE(daemon_.debug_log().find(
                   "] /tmp/vexpro_sendmail/mail.txt changed while the mail was sent; left in the spool.\n"),
               std::string::npos);
-}
-
-// Queues planted at the daemon's keys before it starts are replaced: one
-// plainly the spare user's, one handed to root so that it looks like ours
-// while its maker keeps every right over it.
-TEST(PlantedQueues, AreReplacedByQueuesOfTheDaemonsOwn)
-{
-    for (int key : {65521, 65522})
-        ASSERT_EQ(msgget(key, 0), -1) << "a queue at key " << key << " exists already";
-    auto planted = run_as(kSpareUid, kSpareGid, [] {
-        const int plain = msgget(65521, IPC_CREAT | IPC_EXCL | 0666);
-        int disguised = msgget(65522, IPC_CREAT | IPC_EXCL | 0666);
-        struct msqid_ds ds;
-        if (disguised != -1 && msgctl(disguised, IPC_STAT, &ds) == 0) {
-            ds.msg_perm.uid = 0;
-            disguised = msgctl(disguised, IPC_SET, &ds) == 0 ? disguised : -2;  // -2: the kernel refused
-        }
-        return std::to_string(plain) + " " + std::to_string(disguised);
-    });
-    int plain = -1, disguised = -1;
-    ASSERT_EQ(std::sscanf(planted.value_or("").c_str(), "%d %d", &plain, &disguised), 2);
-    ASSERT_GE(plain, 0);
-    SimRoot root;
-    DaemonProcess daemon(root);
-    ASSERT_TRUE(daemon.start()) << daemon.stderr_text();
-    for (int key : {65521, 65522}) {
-        struct msqid_ds ds = {};
-        ASSERT_EQ(msgctl(msgget(key, 0), IPC_STAT, &ds), 0) << key;
-        EXPECT_EQ(ds.msg_perm.uid + ds.msg_perm.cuid, 0u) << key;
-        EXPECT_EQ(ds.msg_perm.mode & 0777, 0600u) << key;
-    }
-    EXPECT_NE(msgget(65521, 0), plain);
-    const std::string log = daemon.debug_log();
-    EXPECT_NE(log.find("] queue key:65521 belonged to uid 65534 (made by uid 65534): removed"), std::string::npos)
-        << log;
-    if (disguised >= 0) {
-        EXPECT_NE(msgget(65522, 0), disguised);
-        EXPECT_NE(log.find("] queue key:65522 belonged to uid 0 (made by uid 65534): removed"), std::string::npos);
-    }
-    auto sent = run_as(kSpareUid, kSpareGid, [] {
-        struct {
-            long type;
-            char text[144];
-        } msg = {1, {}};
-        std::string results;
-        for (int key : {65521, 65522}) {
-            int id = msgget(key, 0);
-            results += std::to_string(id == -1 ? -1 : msgsnd(id, &msg, sizeof(msg.text), IPC_NOWAIT));
-            results += std::to_string(id == -1 ? -1 : msgrcv(id, &msg, sizeof(msg.text), 0, IPC_NOWAIT));
-        }
-        return results;
-    });
-    EXPECT_EQ(sent.value_or("?"), "-1-1-1-1");
-    expect_clean_stop(daemon);
-    EXPECT_EQ(msgget(65521, 0) + msgget(65522, 0), -2);
 }
 
 }  // namespace
