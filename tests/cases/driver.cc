@@ -6,13 +6,15 @@
 //   driver --coverage FILE...  every command of both tables has a case
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/msg.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -216,60 +218,62 @@ private:
         auto [a, b] = word(rest);
         if (verb != "$")
             check_journal();
+        auto mode = [&] { return std::stoi(b, nullptr, 8); };
+        const std::map<std::string, std::function<void()>> verbs = {
+            {"<", [&] { check_replies(rest); }},
+            {"$", [&] { journal_.push_back(rest); }},
+            {"=", [&] { check_file(a, b); }},
+            {"exit", [&] { root_.set_exit(a, std::stoi(b)); }},
+            {"out", [&] { root_.set_output(a, expand(text_arg(b))); }},
+            {"err", [&] { root_.set_stderr(a, text_arg(b)); }},
+            {"write", [&] { root_.write_file(expand(a), expand(text_arg(b))); }},
+            {"rm", [&] { root_.remove(expand(rest)); }},
+            {"add", [&] { root_.add_program(rest); }},
+            {"mkdir", [&] { fs::create_directories(path(a)), need(b.empty() || chmod(path(a).c_str(), mode()) == 0); }},
+            {"chmod", [&] { need(chmod(path(a).c_str(), mode()) == 0); }},
+            {"chown", [&] { need(lchown(path(a).c_str(), std::stoi(b), std::stoi(b)) == 0); }},
+            {"ln", [&] { fs::create_symlink(source(a), path(b)); }},
+            {"hardln", [&] { fs::create_hard_link(path(a), path(b)); }},
+            {"mkfifo", [&] { need(mkfifo(path(rest).c_str(), 0666) == 0); }},
+            {"cp", [&] { fs::copy_file(source(a), path(b), fs::copy_options::overwrite_existing); }},
+            // A fresh root, so a fresh daemon (its log was in the old one).
+            {"reset", [&] { stop(), root_.reset(), start(), begin_case(); }},
+            {"hide", [&] { hidden_.insert(rest); }},
+            {"as", [&] { uid_ = rest == "nobody" ? kSpareUid : rest == "root" ? 0 : std::stoi(rest); }},
+            {"policy", [&] { need(reload_policy(root_, *daemon_, rest.empty() ? "" : policy_ + text_arg(rest))); }},
+            {"plant", [&] { plant(std::stoi(a), b == "root"); }},
+            {"stop", [&] { stop(); }},
+            {"start", [&] {  // start [NAME=VALUE]: with that in its environment
+                 std::optional<ScopedEnv> env;
+                 if (size_t eq = rest.find('='); eq != std::string::npos)
+                     env.emplace(rest.substr(0, eq).c_str(), rest.c_str() + eq + 1);
+                 start(), root_.clear_calls();
+             }},
+        };
         if (verb[0] == '>')
             call(verb.substr(1), rest);
-        else if (verb == "<")
-            check_replies(rest);
-        else if (verb == "$")
-            journal_.push_back(rest);
-        else if (verb == "=")
-            check_file(a, b);
         else if (verb[0] == '~')
             check_log(verb.substr(1), rest);
-        else if (verb == "exit")
-            root_.set_exit(a, std::stoi(b));
-        else if (verb == "out")
-            root_.set_output(a, expand(text_arg(b)));
-        else if (verb == "err")
-            root_.set_stderr(a, text_arg(b));
-        else if (verb == "write")
-            root_.write_file(expand(a), expand(text_arg(b)));
-        else if (verb == "rm")
-            root_.remove(expand(rest));
-        else if (verb == "add")
-            root_.add_program(rest);
-        else if (verb == "mkdir")
-            fs::create_directories(path(a)), need(b.empty() || chmod(path(a).c_str(), std::stoi(b, nullptr, 8)) == 0);
-        else if (verb == "chmod")
-            need(chmod(path(a).c_str(), std::stoi(b, nullptr, 8)) == 0);
-        else if (verb == "chown")
-            need(lchown(path(a).c_str(), std::stoi(b), std::stoi(b)) == 0);
-        else if (verb == "ln")
-            fs::create_symlink(source(a), path(b));
-        else if (verb == "hardln")
-            fs::create_hard_link(path(a), path(b));
-        else if (verb == "mkfifo")
-            need(mkfifo(path(rest).c_str(), 0666) == 0);
-        else if (verb == "cp")
-            fs::copy_file(source(a), path(b), fs::copy_options::overwrite_existing);
-        else if (verb == "reset")  // a fresh root, so a fresh daemon (its log was in the old one)
-            stop(), root_.reset(), start(), begin_case();
-        else if (verb == "hide")
-            hidden_.insert(rest);
-        else if (verb == "as")
-            uid_ = rest == "nobody" ? kSpareUid : rest == "root" ? 0 : std::stoi(rest);
-        else if (verb == "policy")
-            need(reload_policy(root_, *daemon_, rest.empty() ? "" : policy_ + text_arg(rest)));
-        else if (verb == "stop")
-            stop();
-        else if (verb == "start") {  // start [NAME=VALUE]: with that in its environment
-            std::optional<ScopedEnv> env;
-            if (size_t eq = rest.find('='); eq != std::string::npos)
-                env.emplace(rest.substr(0, eq).c_str(), rest.c_str() + eq + 1);
-            start();
-            begin_case();
-        } else
+        else if (auto it = verbs.find(verb); it != verbs.end())
+            it->second();
+        else
             throw std::runtime_error("unknown line");
+    }
+
+    // A message queue at key, made by the case's user and maybe handed to
+    // root, so that it looks like the daemon's while its maker keeps every right.
+    void plant(int key, bool to_root)
+    {
+        const auto made = run_as(uid_, uid_, [&] {
+            struct msqid_ds ds;
+            const int id = msgget(key, IPC_CREAT | IPC_EXCL | 0666);
+            if (id == -1 || (to_root && msgctl(id, IPC_STAT, &ds) != 0))
+                return std::string(strerror(errno));
+            ds.msg_perm.uid = 0;
+            return std::string(to_root && msgctl(id, IPC_SET, &ds) != 0 ? strerror(errno) : "");
+        });
+        if (made != "")
+            throw std::runtime_error("no queue planted: " + made.value_or("the other user's client failed"));
     }
 
     void call(const std::string& how, const std::string& rest)
@@ -353,6 +357,14 @@ private:
         const bool there = lstat(host.c_str(), &st) == 0;
         if (p.back() == '/')
             return expect("listing of " + p, what, listing(host));
+        if (p.rfind("queue:", 0) == 0) {
+            struct msqid_ds ds = {};
+            const bool made = msgctl(msgget(std::stoi(p.substr(6)), 0), IPC_STAT, &ds) == 0;
+            return expect("mode, owner, creator and group of " + p, what.substr(5),
+                          made ? format_text("%o %u %u %u", ds.msg_perm.mode & 0777, unsigned(ds.msg_perm.uid),
+                                             unsigned(ds.msg_perm.cuid), unsigned(ds.msg_perm.gid))
+                               : "missing");
+        }
         if (what == "absent")
             return expect(p, "absent", there ? "present" : "absent");
         if (what.rfind("mode ", 0) == 0)

@@ -1,15 +1,21 @@
-// What cannot be a row of a case file: callers that go silent, memory files
-// that change under a request, long requests in parallel, a spool entry
-// swapped while sendmail runs, queues planted before the daemon starts.
+// What cannot be a row of a case file: attacks on the wire by users other
+// than root, each followed by the app's own requests, answered at once and
+// exactly; long requests in parallel, a spool entry swapped while sendmail
+// runs.
+#include <fcntl.h>
 #include <gtest/gtest.h>
-
 #include <poll.h>
+#include <signal.h>
+#include <sys/mman.h>
 #include <sys/msg.h>
-#include <sys/wait.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <future>
 
 #include "dv.h"
@@ -25,40 +31,30 @@ const std::string kEcho = R"({"command":["/bin/echo","still here"]})";
 const std::string kEchoReply =
     R"({"error_code":0,"handler":"exec_cli_handler","result":"still here\n","service":"VexProServer-vexprod"})" "\n";
 
-class Security : public DaemonPerTest {
-protected:
-    void SetUp() override
-    {
-        DaemonPerTest::SetUp();
-        ASSERT_TRUE(allow_search(daemon_.socket_dir()));
-        root_.grant_everyone();
-        ASSERT_TRUE(reload_policy(root_, daemon_));
-    }
-    double seconds_since(steady_clock::time_point t) const
-    {
-        return std::chrono::duration<double>(steady_clock::now() - t).count();
-    }
-};
-
-// A client that never sends its request holds a worker only until the
-// request deadline (1 s); the command service has two workers.
-TEST_F(Security, SilentClientsDoNotStopTheCommandService)
+double seconds_since(steady_clock::time_point t)
 {
-    RawClient silent, half;
-    ASSERT_TRUE(silent.connect_to(daemon_.command_socket()) && half.connect_to(daemon_.command_socket()));
-    ASSERT_EQ(silent.next_type(), DV_DIRECTIVE_ACCEPT);
-    ASSERT_EQ(half.next_type(), DV_DIRECTIVE_ACCEPT);
-    // One promises an extra descriptor that never comes.
-    int memfd = make_request_memfd("{}");
-    ASSERT_TRUE(half.send_directive(DV_DIRECTIVE_REQUEST, DV_DIRECTIVE_FLAG_EXTRA_FD, "test") && half.send_fd(memfd));
-    close(memfd);
-    auto start = steady_clock::now();
-    EXPECT_EQ(daemon_.call("test", "{}", nullptr, -1, 30), kTestReply);
-    EXPECT_LE(seconds_since(start), 2.0);
-    EXPECT_TRUE(silent.closed_by_peer(1000) && half.closed_by_peer(1000));
-    start = steady_clock::now();
-    EXPECT_EQ(daemon_.call("test", "{}"), kTestReply);
-    EXPECT_LT(seconds_since(start), 1.0);
+    return std::chrono::duration<double>(steady_clock::now() - t).count();
+}
+
+// A memory file the client seals against shrinking just after sending it,
+// a little later each time, racing the daemon's look at its seals.
+int seal_after_send(const DaemonProcess& d)
+{
+    for (const auto start = steady_clock::now(); seconds_since(start) < 1.5;) {
+        RawClient c;
+        if (!c.connect_to(d.command_socket()) || c.next_type(2000) != DV_DIRECTIVE_ACCEPT)
+            continue;
+        int memfd = memfd_create("req", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+        (void)!write(memfd, "{}", 2);
+        c.send_directive(DV_DIRECTIVE_REQUEST, 0, "test");
+        c.send_fd(memfd);
+        for (auto sent = steady_clock::now(); seconds_since(sent) * 1e6 < long(seconds_since(start) * 1e3) % 200;) {
+        }
+        fcntl(memfd, F_ADD_SEALS, F_SEAL_SHRINK);
+        c.next_type(2000);
+        close(memfd);
+    }
+    return 0;
 }
 
 // One hostile request, its memory file cut to nothing, grown far beyond any
@@ -88,30 +84,130 @@ int churned_request(const std::string& sockfile, int round)
     return !sent ? 0 : c.next_type(1000) == DV_DIRECTIVE_REPLY ? 1 : 2;
 }
 
-TEST_F(Security, MemoryFilesThatShrinkOrGrowUnderARequestHarmNobodyElse)
+// 30 connections to each service that are let in and then say nothing; a
+// full backlog does not stop the flood.
+int silent_connections(const DaemonProcess& d)
 {
-    const std::string sockfile = daemon_.command_socket();
-    std::fflush(stdout);  // the child must not print what we buffered
-    const pid_t hostile = start_as(kSpareUid, kSpareGid, [&] {
-        int tally[3] = {0, 0, 0};
-        for (int i = 0; i < 3000; ++i)
-            ++tally[churned_request(sockfile, i)];
-        std::printf("3000 hostile requests: %d not let in, %d answered, %d dropped\n", tally[0], tally[1], tally[2]);
-        std::fflush(stdout);
-        return tally[0] == 0 ? 0 : 1;
-    });
-    ASSERT_GT(hostile, 0);
-    int served = 0, wrong = 0, status = 0;
-    while (waitpid(hostile, &status, WNOHANG) == 0) {
-        wrong += daemon_.call("test", "{}") != kTestReply;
-        wrong += daemon_.call("exec_cli", kEcho) != kEchoReply;
-        served += 2;
-        usleep(5000);  // a steady caller, not a flood of our own
+    for (const std::string& sockfile : {d.command_socket(), d.mail_socket()}) {
+        struct sockaddr_un addr = {AF_UNIX, {}};
+        snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", sockfile.c_str());
+        for (int i = 0; i < 30; i++)
+            connect(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0), reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
     }
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    EXPECT_EQ(wrong, 0) << "of " << served;
-    EXPECT_GT(served, 0);
+    return 0;
 }
+
+// The share of one CPU the process used over the next second, in percent.
+long cpu_percent(pid_t pid)
+{
+    auto ticks = [pid] {
+        const std::string text = read_text_file("/proc/" + std::to_string(pid) + "/stat");
+        long utime = 0, stime = 0;  // fields 14 and 15, after a name that may hold spaces
+        sscanf(text.c_str() + text.rfind(')'), ") %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &utime, &stime);
+        return utime + stime;
+    };
+    const long before = ticks();
+    sleep(1);
+    return (ticks() - before) * 100 / sysconf(_SC_CLK_TCK);
+}
+
+TEST(HostileWire, NoAttackCrashesHangsOrStarvesTheDaemon)
+{
+    if (!can_switch_user())
+        GTEST_SKIP() << "attacking as other users needs root";
+    const struct {
+        const char* what;
+        int uids;  // attackers, each a uid of its own
+        std::function<int(const DaemonProcess&)> act;  // made by each, which then holds what it made; 0: as planned
+        bool app_calls;  // the app calls while the attack is being made, every reply exact
+        rlim_t nofile;   // the daemon's descriptor limit, 0: as ours
+        std::function<void(const DaemonProcess&)> meanwhile;  // while the attack stands
+    } attacks[] = {
+        {"seal after send", 1, seal_after_send, true, 0, nullptr},
+        {"memory files that shrink or grow under a request", 1,
+         [](const DaemonProcess& d) {
+             int tally[3] = {0, 0, 0};
+             for (int i = 0; i < 3000; ++i)
+                 ++tally[churned_request(d.command_socket(), i)];
+             return tally[0];  // every request let in
+         },
+         true, 0, nullptr},
+        {"a connection flood at RLIMIT_NOFILE 1024, then a queue record", 40, silent_connections, false, 1024,
+         [](const DaemonProcess& d) {
+             EXPECT_LT(cpu_percent(d.pid()), 50);
+             EXPECT_EQ(run_process({binary_dir() + "/sim/vexprod-notify-demo", "event", "1", "u", "ip", "n", "disk"})
+                           .status, 0);
+             EXPECT_TRUE(eventually([&] { return d.debug_log().find("] eventlog_handler fail") != std::string::npos; },
+                                    10000)) << d.debug_log();
+         }},
+    };
+    for (const auto& a : attacks) {
+        SCOPED_TRACE(a.what);
+        SimRoot root;
+        root.grant_everyone();
+        DaemonProcess d(root);
+        ASSERT_TRUE(d.start()) << d.stderr_text();
+        const struct rlimit limit = {a.nofile, a.nofile};  // as if it had found no more to raise it to
+        ASSERT_TRUE(!a.nofile || prlimit(d.pid(), RLIMIT_NOFILE, &limit, nullptr) == 0);
+        ASSERT_TRUE(allow_search(d.socket_dir()));
+        // Each attacker reports once its attack stands, and holds it until release is closed.
+        int ready[2], release[2];
+        ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+        ASSERT_EQ(pipe2(release, O_CLOEXEC), 0);
+        std::fflush(stdout);  // the children must not print what we buffered
+        std::vector<pid_t> attackers;
+        for (int i = 0; i < a.uids; i++)
+            attackers.push_back(start_as(a.uids == 1 ? kSpareUid : static_cast<uid_t>(70000 + i), kSpareGid, [&] {
+                close(release[1]);
+                signal(SIGPIPE, SIG_IGN);
+                const int made = a.act(d);
+                char byte = 0;
+                (void)!write(ready[1], &byte, 1);
+                (void)!read(release[0], &byte, 1);
+                return made;
+            }));
+        close(ready[1]);
+        close(release[0]);
+        int standing = 0, served = 0, wrong = 0;
+        for (const auto start = steady_clock::now(); standing < a.uids && seconds_since(start) < 90;) {
+            struct pollfd p = {ready[0], POLLIN, 0};
+            char byte;
+            if (poll(&p, 1, a.app_calls ? 5 : 1000) == 1 && read(ready[0], &byte, 1) != 1)
+                break;  // no attacker left to report
+            else if (p.revents)
+                standing++;
+            else if (a.app_calls)  // a steady caller, not a flood of our own
+                wrong += (d.call("test", "{}") != kTestReply) + (d.call("exec_cli", kEcho) != kEchoReply), served += 2;
+        }
+        EXPECT_EQ(standing, a.uids);
+        EXPECT_EQ(wrong, 0) << "of " << served;
+        EXPECT_TRUE(!a.app_calls || served > 0);
+        if (a.meanwhile)
+            a.meanwhile(d);
+        close(release[1]);
+        close(ready[0]);
+        for (pid_t pid : attackers)
+            EXPECT_EQ(wait_child(pid, 5000), 0);
+        const auto start = steady_clock::now();
+        EXPECT_EQ(d.call("test", "{}"), kTestReply);
+        EXPECT_LT(seconds_since(start), 1.0);
+        EXPECT_EQ(d.call("exec_cli", kEcho), kEchoReply);
+        EXPECT_EQ(d.call_mail("test", "{}"),
+                  R"({"handler":"nox_test_sendmail_srv_handler","service":"VexProServer_send_mail-vexprod"})" "\n");
+        EXPECT_EQ(d.stop(SIGTERM, 5000), 0);
+        EXPECT_EQ(d.stderr_text(), "");
+    }
+}
+
+class Security : public DaemonPerTest {
+protected:
+    void SetUp() override
+    {
+        DaemonPerTest::SetUp();
+        root_.grant_everyone();
+        ASSERT_TRUE(reload_policy(root_, daemon_));
+    }
+};
 
 // Seven callers at once with the longest request taken, full of empty
 // arrays: memory peaks far below what the parser once took and comes back.
@@ -167,82 +263,6 @@ TEST_F(Security, ASpoolEntrySwappedDuringTheSendGoesBackToTheSpool)
     EXPECT_NE(daemon_.debug_log().find(
                   "] /tmp/vexpro_sendmail/mail.txt changed while the mail was sent; left in the spool.\n"),
               std::string::npos);
-}
-
-// The policy's queue senders may put records on both queues (group write);
-// a policy others could have written names no senders.
-TEST_F(Security, QueueSendersFollowThePolicy)
-{
-    auto modes = [] {
-        std::string out;
-        for (int key : {65521, 65522}) {
-            struct msqid_ds ds = {};
-            msgctl(msgget(key, 0), IPC_STAT, &ds);
-            out += std::to_string(ds.msg_perm.mode & 0777) + ":" + std::to_string(ds.msg_perm.gid) + " ";
-        }
-        return out;
-    };
-    ASSERT_TRUE(reload_policy(root_, daemon_, root_.read_file(PATH_CALLER_POLICY) + "[queues]\nsenders = nogroup\n"));
-    EXPECT_EQ(modes(), "400:65534 400:65534 ");  // 0620
-    ASSERT_EQ(chmod(root_.abs(PATH_CALLER_POLICY).c_str(), 0666), 0);
-    ASSERT_TRUE(reload_policy(root_, daemon_));
-    const std::string own = "384:" + std::to_string(getegid()) + " ";  // 0600
-    EXPECT_EQ(modes(), own + own);
-}
-
-// Queues planted at the daemon's keys before it starts are replaced: one
-// plainly the spare user's, one handed to root so that it looks like ours
-// while its maker keeps every right over it.
-TEST(PlantedQueues, AreReplacedByQueuesOfTheDaemonsOwn)
-{
-    for (int key : {65521, 65522})
-        ASSERT_EQ(msgget(key, 0), -1) << "a queue at key " << key << " exists already";
-    auto planted = run_as(kSpareUid, kSpareGid, [] {
-        const int plain = msgget(65521, IPC_CREAT | IPC_EXCL | 0666);
-        int disguised = msgget(65522, IPC_CREAT | IPC_EXCL | 0666);
-        struct msqid_ds ds;
-        if (disguised != -1 && msgctl(disguised, IPC_STAT, &ds) == 0) {
-            ds.msg_perm.uid = 0;
-            disguised = msgctl(disguised, IPC_SET, &ds) == 0 ? disguised : -2;  // -2: the kernel refused
-        }
-        return std::to_string(plain) + " " + std::to_string(disguised);
-    });
-    int plain = -1, disguised = -1;
-    ASSERT_EQ(std::sscanf(planted.value_or("").c_str(), "%d %d", &plain, &disguised), 2);
-    ASSERT_GE(plain, 0);
-    SimRoot root;
-    DaemonProcess daemon(root);
-    ASSERT_TRUE(daemon.start()) << daemon.stderr_text();
-    for (int key : {65521, 65522}) {
-        struct msqid_ds ds = {};
-        ASSERT_EQ(msgctl(msgget(key, 0), IPC_STAT, &ds), 0) << key;
-        EXPECT_EQ(ds.msg_perm.uid + ds.msg_perm.cuid, 0u) << key;
-        EXPECT_EQ(ds.msg_perm.mode & 0777, 0600u) << key;
-    }
-    EXPECT_NE(msgget(65521, 0), plain);
-    const std::string log = daemon.debug_log();
-    EXPECT_NE(log.find("] queue key:65521 belonged to uid 65534 (made by uid 65534): removed"), std::string::npos)
-        << log;
-    if (disguised >= 0) {
-        EXPECT_NE(msgget(65522, 0), disguised);
-        EXPECT_NE(log.find("] queue key:65522 belonged to uid 0 (made by uid 65534): removed"), std::string::npos);
-    }
-    auto sent = run_as(kSpareUid, kSpareGid, [] {
-        struct {
-            long type;
-            char text[144];
-        } msg = {1, {}};
-        std::string results;
-        for (int key : {65521, 65522}) {
-            int id = msgget(key, 0);
-            results += std::to_string(id == -1 ? -1 : msgsnd(id, &msg, sizeof(msg.text), IPC_NOWAIT));
-            results += std::to_string(id == -1 ? -1 : msgrcv(id, &msg, sizeof(msg.text), 0, IPC_NOWAIT));
-        }
-        return results;
-    });
-    EXPECT_EQ(sent.value_or("?"), "-1-1-1-1");
-    expect_clean_stop(daemon);
-    EXPECT_EQ(msgget(65521, 0) + msgget(65522, 0), -2);
 }
 
 }  // namespace
