@@ -1,9 +1,8 @@
-// The daemon's small parsers: trims, splits, Base64, the VPD cutters,
-// conf_get's first line, and the typed argument reader every handler uses.
+// The daemon's small parsers: trims, splits, Base64, conf_get's first line,
+// and the typed argument reader every handler uses.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <limits>
 #include <string>
 #include <vector>
@@ -19,7 +18,7 @@ namespace {
 
 using Pieces = std::vector<std::string>;
 
-TEST(Parsers, TrimSplitBase64AndVpd)
+TEST(Parsers, TrimSplitAndBase64)
 {
     const struct {
         std::string in;
@@ -81,9 +80,8 @@ TEST(Parsers, IniTakesConfGetsFirstLineUnlessItIsTheDefaultMarker)
         int found;
         std::string value;
     } cases[] = {
-        {"/share/VexProServer\nsecond line\n", 1, "/share/VexProServer"},
         {std::string(200, 'v') + "\n", 1, std::string(127, 'v')},
-        {"\n", 1, ""},
+        {"\nsecond line\n", 1, ""},
         {"", 0, "stale"},
         {"CONF_GET_FAILDx\n", 0, "stale"},  // the default marker, even as a prefix
     };
@@ -100,7 +98,8 @@ TEST(Parsers, IniTakesConfGetsFirstLineUnlessItIsTheDefaultMarker)
 }
 
 // Each row reads "k" as type; accepted values are stored at their width
-// only, refusals set the flag, leave the output and log only type mismatches.
+// only, refusals set the flag, leave the output and log only type mismatches
+// (missing keys and the commonest mismatches: queries.cases, shares.cases).
 TEST(Parsers, TypedReaderStoresAtTheTypesWidthOrRefuses)
 {
     const struct {
@@ -115,14 +114,10 @@ TEST(Parsers, TypedReaderStoresAtTheTypesWidthOrRefuses)
         {R"({"k": true})", "bool", true, 1, nullptr},
         {R"({"k": false})", "bool", true, 0, nullptr},
         {R"({"k": "x"})", "string", true, 0, nullptr},
-        {R"({"other": 1})", "int", false, 0, nullptr},
         {R"({"k": null})", "string", false, 0, nullptr},
         {R"({"k": 1})", "float", false, 0, nullptr},
-        {R"([1, 2])", "int", false, 0, nullptr},
-        {R"({"k": 2147483648})", "int", false, 0, "long"},
         {R"({"k": "true"})", "bool", false, 0, "string"},
         {R"({"k": 1})", "bool", false, 0, "int"},
-        {R"({"k": 5})", "string", false, 0, "int"},
         {R"({"k": 1.5})", "long", false, 0, "double"},
         {R"({"k": true})", "int", false, 0, "bool"},
         {R"({"k": [1]})", "string", false, 0, "Others"},
@@ -141,23 +136,20 @@ TEST(Parsers, TypedReaderStoresAtTheTypesWidthOrRefuses)
                 int64_t i64;
             };
             uint32_t fence;  // nothing is written past the type's width
-        } out;
-        out.i64 = 0x5555555555555555LL;
-        out.fence = 0xA5A5A5A5U;
+        } out, want;
+        out.i64 = want.i64 = 0x5555555555555555LL;
+        out.fence = want.fence = 0xA5A5A5A5U;
+        if (c.ok && std::string(c.type) == "long")
+            want.i64 = c.number;
+        else if (c.ok && !text)
+            want.i32 = static_cast<int32_t>(c.number);
         std::string str = "untouched";
         bool error = false;
         parser_param_from_json_str(root, "k", text ? static_cast<void*>(&str) : &out, c.type, &error);
         EXPECT_EQ(error, !c.ok);
-        EXPECT_EQ(out.fence, 0xA5A5A5A5U);
-        if (!c.ok || text) {
-            EXPECT_EQ(out.i64, 0x5555555555555555LL);
-            EXPECT_EQ(str, c.ok ? "x" : "untouched");
-        } else if (std::string(c.type) == "long") {
-            EXPECT_EQ(out.i64, c.number);
-        } else {
-            EXPECT_EQ(out.i32, c.number);
-            EXPECT_EQ(static_cast<uint64_t>(out.i64) >> 32, 0x55555555U);
-        }
+        EXPECT_EQ(out.i64, want.i64);
+        EXPECT_EQ(out.fence, want.fence);
+        EXPECT_EQ(str, c.ok && text ? "x" : "untouched");
         if (c.logged)
             EXPECT_THAT(log.messages(), testing::ElementsAre(testing::MatchesRegex(
                                             R"(\[parser_param_from_json_str\]\[[0-9]+\] )" +

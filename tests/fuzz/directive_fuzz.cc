@@ -1,11 +1,9 @@
-// Fuzzes what a client may send a consumer: the input is cut into chunks of
-// at most 143 bytes (so directives arrive in pieces), each sent on its own,
-// some carrying descriptors of some kind (memory files good, empty or sealed;
-// pipe ends, local and TCP sockets, devices, files, directories, O_PATH,
-// eventfd; several at once) as request file or extra descriptor. The service
-// must survive every input, keep answering, and end up holding no
-// descriptor it did not hold before.
-//
+// What a client may send a consumer: the input, cut into chunks of at most
+// 143 bytes (directives arrive in pieces), each sent on its own, some with
+// descriptors of some kind (memory files good, empty or sealed; pipe ends,
+// local and TCP sockets, devices, files, directories, O_PATH, eventfd;
+// several at once) as request file or extra descriptor. The service must
+// survive, keep answering and hold no descriptor it did not hold before.
 // Input, repeated: [size byte][attachment byte][1 + size % 143 payload bytes].
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -120,20 +118,19 @@ bool send_chunk(int sock, const uint8_t* data, size_t size, uint8_t kind)
     return sent;
 }
 
-[[noreturn]] void broken(const char* what)
-{
-    fprintf(stderr, "%s after %lu inputs\n%s", what, runs, describe_open_fds().c_str());
-    abort();
-}
-
+// On a loaded machine a worker may close the last client's descriptors late;
+// a leak is what stays.
 void check_service()
 {
+    const char* broken = nullptr;
     if (raw_call(service->sockfile(), "probe", "{}") != "{\"result\":0}\n")
-        broken("the service stopped answering");
-    // On a loaded machine a worker may close the last client's descriptors
-    // late; a leak is what stays.
-    if (baseline_fds >= 0 && !eventually([] { return settled_fd_count() == baseline_fds; }, 3000))
-        broken("descriptors left open");
+        broken = "the service stopped answering";
+    else if (baseline_fds >= 0 && !eventually([] { return settled_fd_count() == baseline_fds; }, 3000))
+        broken = "descriptors left open";
+    if (broken) {
+        fprintf(stderr, "%s after %lu inputs\n%s", broken, runs, describe_open_fds().c_str());
+        abort();
+    }
 }
 
 }  // namespace

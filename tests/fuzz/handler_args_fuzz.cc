@@ -1,21 +1,17 @@
-// Fuzzes what a caller may send each command: the input picks a row of
-// either command table and gives the request text, and the row's handler
-// runs in this process on a simulated root as a consumer would run it, but
-// without a socket. Every handler answers one compact JSON object (the three
-// that may close without answering may also send nothing), claims no success
-// for text that is not JSON, and leaves no descriptor behind.
-//
-// Input: [selector byte][request text...]. The selector's low seven bits
-// pick the row; rows that read no arguments (and so start a program every
-// time) are taken only with the top bit set too, else "test" runs. A text
-// of 0xff, n, rest... is rest repeated n * 256 times (128 KiB at most):
-// deep nesting and requests past the length limit.
+// What a caller may send each command: the row of either command table the
+// input picks runs its handler in this process on a simulated root, as a
+// consumer would but without a socket. Every handler answers one compact JSON
+// object (the three that may close without answering may send nothing),
+// claims no success for text that is not JSON, and leaves no descriptor open.
+// Input: [selector byte][request text...]. The low seven bits pick the row;
+// rows that read no arguments (and so start a program every time) only with
+// the top bit set too, else "test" runs. A text 0xff, n, rest... is rest
+// n * 256 times (128 KiB at most): deep nesting, requests past the limit.
 #include <dlfcn.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cctype>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -35,10 +31,6 @@
 namespace {
 
 const std::set<std::string> kSilentOnFailure = {"reverse_proxy", "web_booth", "install_app"};
-bool reads_nothing(const T_COMMAND_ENTRY& row)
-{
-    return row.reading == ArgReading::none;
-}
 
 struct World {
     SimRoot root;
@@ -104,21 +96,16 @@ std::string expand(const std::string& text)
     return out;
 }
 
-// The platform's stand-in programs come from the same build, sanitizers and
-// all; their leak checks at exit cost more than the rest of a call and are
-// not what is fuzzed. This process read its own options long ago.
-void quiet_child_leak_checks()
-{
-    const char* old = getenv("ASAN_OPTIONS");
-    setenv("ASAN_OPTIONS", (old && *old ? std::string(old) + ":detect_leaks=0" : "detect_leaks=0").c_str(), 1);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (!world) {
-        quiet_child_leak_checks();
+        // The platform's stand-in programs come from the same build, sanitizers
+        // and all; their leak checks at exit cost more than the rest of a call
+        // and are not what is fuzzed. This process read its options long ago.
+        const char* old = getenv("ASAN_OPTIONS");
+        setenv("ASAN_OPTIONS", (old && *old ? std::string(old) + ":detect_leaks=0" : "detect_leaks=0").c_str(), 1);
         world = std::make_unique<World>();
         world->root.make_current();
         pin_platform_libraries();
@@ -132,7 +119,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         pin_platform_libraries();
     }
     size_t index = (data[0] & 0x7f) % (handler_size + sendmail_handler_size);
-    if (reads_nothing(row_at(index)) && !(data[0] & 0x80))
+    if (row_at(index).reading == ArgReading::none && !(data[0] & 0x80))
         index = 0;  // "test": no program, no time
     const T_COMMAND_ENTRY& row = row_at(index);
     const bool mail = index >= handler_size;
@@ -166,16 +153,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         broken(row, text, "reply is not one compact JSON object: " + reply);
     const bool exec_cli = std::string(row.name) == "exec_cli" && !mail;
     const Json::Value& success = root[exec_cli ? "error_code" : "result"];
-    if (replied && !reads_nothing(row) && !json_parse(text.substr(0, strnlen(text.c_str(), text.size())), request) &&
-        success.isInt() && success.asInt() == 0)
+    if (replied && row.reading != ArgReading::none &&
+        !json_parse(text.substr(0, strnlen(text.c_str(), text.size())), request) && success.isInt() &&
+        success.asInt() == 0)
         broken(row, text, "success reported for text that is not JSON: " + reply);
     const std::string msg = root.get("error_msg", "").isString() ? root.get("error_msg", "").asString() : "";
     if ((msg == "input error" || msg == "paser fail") && root["error_code"] != -1)
         broken(row, text, "an input error without error_code -1: " + reply);
     // Handlers run to completion on this thread: anything still open was left by this input.
-    if (count_open_fds() != world->baseline_fds) {
-        fprintf(stderr, "%s left descriptors open after %lu inputs:\n%s", row.name, runs, describe_open_fds().c_str());
-        abort();
-    }
+    if (count_open_fds() != world->baseline_fds)
+        broken(row, text, "left descriptors open after " + std::to_string(runs) + " inputs:\n" + describe_open_fds());
     return 0;
 }

@@ -1,6 +1,5 @@
-// Replays a fuzz target's corpus without libFuzzer, so that every ordinary
-// build (and ctest) runs each committed input through the target:
-//   <target> DIRECTORY...
+// Without libFuzzer, a fuzz target runs each file of the corpus directories it
+// is given once, in name order: every ordinary build replays the corpora.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -14,17 +13,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 int main(int argc, char** argv)
 {
-    std::vector<std::string> files;
+    std::vector<std::filesystem::path> files;
     for (int i = 1; i < argc; i++)
-        for (const auto& entry : std::filesystem::recursive_directory_iterator(argv[i]))
-            if (entry.is_regular_file() && entry.path().filename().string()[0] != '.')
-                files.push_back(entry.path());
+        for (const auto& entry : std::filesystem::directory_iterator(argv[i]))
+            files.push_back(entry.path());
     std::sort(files.begin(), files.end());
-    for (const std::string& file : files) {
+    for (const auto& file : files) {
         std::ifstream in(file, std::ios::binary);
-        std::vector<uint8_t> data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        LLVMFuzzerTestOneInput(data.data(), data.size());
+        const std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(data.data()), data.size());
     }
     printf("replayed %zu inputs\n", files.size());
-    return files.empty() ? 1 : 0;
+    return files.empty();
 }
