@@ -4,30 +4,12 @@
 // a clean stop with the daemon's descriptor count where it began.
 //   driver FILE...             the files in turn, as one test
 //   driver --coverage FILE...  every command of both tables has a case
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/msg.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <map>
-#include <optional>
-#include <set>
-#include <span>
-#include <string>
-#include <vector>
-
 #include "daemon/command_table.h"
 #include "daemon/json.h"
-#include "dv.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"
-#include "support/daemon_process.h"
+
+#include "support/suite.h"
 
 namespace fs = std::filesystem;
 

@@ -1,16 +1,9 @@
 // Which programs a caller may have run, with the reason for each refusal:
 // names like a shell's that are not one, links, what others could swap.
 // Shells and interpreters by name are refused end to end (security.cases).
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <string>
-
 #include "daemon/exec_policy.h"
-#include "dv.h"
-#include "support/os.h"
+
+#include "support/suite.h"
 
 namespace fs = std::filesystem;
 

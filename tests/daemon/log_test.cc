@@ -2,17 +2,7 @@
 // threads kept whole.
 #include "daemon/log.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "support/os.h"
+#include "support/suite.h"
 
 namespace {
 

@@ -2,21 +2,10 @@
 // stop that ends the receiver promptly in every state; the records' bytes
 // at their wire offsets and what reaches the notification service.
 #include "daemon/msgq.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/msg.h>
-
-#include <chrono>
-#include <cstring>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "daemon/json.h"
 #include "daemon/queue_consumers.h"
-#include "support/services.h"
+
+#include "support/suite.h"
 
 namespace {
 

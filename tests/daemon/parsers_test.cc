@@ -1,18 +1,12 @@
 // The daemon's small parsers: trims, splits, Base64, conf_get's first line,
 // and the typed argument reader every handler uses.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <limits>
-#include <string>
-#include <vector>
-
 #include "daemon/ini.h"
 #include "daemon/json.h"
 #include "daemon/request.h"
 #include "daemon/strutil.h"
 #include "platform/paths.h"
-#include "support/sim_root.h"
+
+#include "support/suite.h"
 
 namespace {
 

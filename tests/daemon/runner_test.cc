@@ -3,19 +3,7 @@
 // raw wait status, and many threads starting programs at once.
 #include "daemon/runner.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <filesystem>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "support/os.h"
+#include "support/suite.h"
 
 namespace {
 

@@ -1,26 +1,7 @@
 // The daemon program on a simulated root, from its start to its end: each
 // row starts one (or fails to), does what it does meanwhile, ends it and
 // checks the status, stderr, debug log and that nothing is left.
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/msg.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <functional>
-#include <memory>
-#include <set>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "dv.h"
-#include "support/daemon_process.h"
+#include "support/suite.h"
 
 namespace {
 

@@ -2,26 +2,9 @@
 // than root, each followed by the app's own requests, answered at once and
 // exactly; long requests in parallel, a spool entry swapped while sendmail
 // runs.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/mman.h>
-#include <sys/msg.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <filesystem>
-#include <functional>
-#include <future>
-
-#include "dv.h"
 #include "platform/paths.h"
-#include "support/daemon_process.h"
-#include "support/raw_client.h"
+
+#include "support/suite.h"
 
 namespace {
 

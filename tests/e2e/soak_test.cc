@@ -7,21 +7,7 @@
 //   VEXPROD_SOAK_REQUESTS  requests after the warm-up (default 2000)
 //   VEXPROD_SOAK_VALGRIND  when set, the daemon runs under valgrind's leak
 //                          check and must end with status 0; growth is not judged
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "support/daemon_process.h"
-#include "support/raw_client.h"
+#include "support/suite.h"
 
 namespace {
 

@@ -1,12 +1,5 @@
 // Every misuse the framework checks aborts with its own one line on stderr.
-#include <gtest/gtest.h>
-#include <signal.h>
-
-#include <functional>
-#include <string>
-
-#include "dv.h"
-#include "support/services.h"
+#include "support/suite.h"
 
 namespace {
 

@@ -1,10 +1,5 @@
 // Service names to socket paths, through the framework's SHA-1.
-#include <gtest/gtest.h>
-
-#include <string>
-
-#include "dv.h"
-#include "support/os.h"
+#include "support/suite.h"
 
 namespace {
 

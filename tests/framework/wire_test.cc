@@ -1,33 +1,7 @@
 // A live service in this process, driven by a hand-written client and by the
 // real one: round trips in every worker mode, waiting clients and refusals,
 // misbehaving clients, client statuses, a killed consumer; nothing left behind.
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/mman.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <functional>
-#include <memory>
-#include <mutex>
-#include <set>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include "dv.h"
-#include "support/raw_client.h"
-#include "support/services.h"
+#include "support/suite.h"
 
 namespace {
 

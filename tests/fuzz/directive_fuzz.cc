@@ -5,24 +5,7 @@
 // several at once) as request file or extra descriptor. The service must
 // survive, keep answering and hold no descriptor it did not hold before.
 // Input, repeated: [size byte][attachment byte][1 + size % 143 payload bytes].
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/mman.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <vector>
-
-#include "support/raw_client.h"
-#include "support/services.h"
+#include "support/suite.h"
 
 namespace {
 

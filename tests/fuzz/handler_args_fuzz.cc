@@ -7,26 +7,13 @@
 // rows that read no arguments (and so start a program every time) only with
 // the top bit set too, else "test" runs. A text 0xff, n, rest... is rest
 // n * 256 times (128 KiB at most): deep nesting, requests past the limit.
-#include <dlfcn.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cctype>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-#include <set>
-#include <string>
-
 #include "daemon/command_table.h"
 #include "daemon/json.h"
 #include "daemon/log.h"
-#include "dv.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"
-#include "support/raw_client.h"
-#include "support/sim_root.h"
+
+#include "support/suite.h"
 
 namespace {
 

@@ -3,14 +3,10 @@
 // delimiter, a trim leaves none of its set where it promised, the
 // queue-record decoders stay within their fields.
 // Input: [selector byte: parser and character set][data...].
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <vector>
-
 #include "daemon/queue_consumers.h"
 #include "daemon/strutil.h"
+
+#include "support/suite.h"
 
 namespace {
 

@@ -1,13 +1,6 @@
 // Without libFuzzer, a fuzz target runs each file of the corpus directories it
 // is given once, in name order: every ordinary build replays the corpora.
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <vector>
+#include "support/suite.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 

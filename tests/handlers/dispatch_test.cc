@@ -2,17 +2,9 @@
 // output pointed at the caller's descriptor while a handler runs, and the
 // client released when a row has no handler or its handler throws.
 #include "daemon/dispatch.h"
-
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <mutex>
-#include <new>
-
 #include "daemon/handler_kit.h"
-#include "support/services.h"
+
+#include "support/suite.h"
 
 namespace {
 

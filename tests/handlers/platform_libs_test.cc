@@ -3,11 +3,9 @@
 // on any path, and every list the libraries hand over is released (a
 // sanitizer build checks the latter at exit). Their replies are rows of
 // tests/cases/accounts.cases.
-#include <dlfcn.h>
-#include <gtest/gtest.h>
-
 #include "platform/paths.h"
-#include "support/services.h"
+
+#include "support/suite.h"
 
 namespace {
 

@@ -1,17 +1,6 @@
-#include "support/daemon_process.h"
-
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <stdexcept>
-#include <thread>
+#include "support/suite.h"
 
 #include "daemon/strutil.h"
-#include "dv.h"
 #include "platform/paths.h"
 
 DaemonProcess::DaemonProcess(SimRoot& root) : root_(root)

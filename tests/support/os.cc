@@ -1,27 +1,6 @@
-#include "support/os.h"
-
-#include <dirent.h>
-#include <fcntl.h>
-#include <ftw.h>
-#include <grp.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <chrono>
-#include <cstdarg>
-#include <cstring>
-#include <fstream>
-#include <sstream>
-#include <stdexcept>
-#include <thread>
+#include "support/suite.h"
 
 #include "daemon/log.h"
-#include "support/raw_client.h"
 
 const std::string& source_dir()
 {

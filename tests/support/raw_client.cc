@@ -1,14 +1,4 @@
-#include "support/raw_client.h"
-
-#include <poll.h>
-#include <sys/mman.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
+#include "support/suite.h"
 
 void RawClient::close_now()
 {

@@ -1,12 +1,4 @@
-#include "support/services.h"
-
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <filesystem>
-#include <string>
-#include <thread>
+#include "support/suite.h"
 
 TestService::TestService(dv_exec_fn exec, u_int32_t mode, size_t workers)
     : handle_(dv_create(name().c_str(), mode, workers, exec))

@@ -1,11 +1,7 @@
-#include "support/sim_root.h"
+#include "support/suite.h"
 
 #include "platform/paths.h"
 #include "sim/fields.h"
-
-#include <filesystem>
-#include <sstream>
-#include <stdexcept>
 
 namespace fs = std::filesystem;
 

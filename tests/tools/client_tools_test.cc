@@ -2,23 +2,10 @@
 // file or standard input, the options that read a service's description or
 // look at its reply, every bench mode in its parseable form with failures
 // counted by kind, and every refusal's status and line.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <algorithm>
-#include <chrono>
-#include <filesystem>
-#include <mutex>
-#include <optional>
-#include <string>
-#include <thread>
-
 #include "daemon/dispatch.h"
-#include "dv.h"
 #include "handlers/registry.h"
-#include "support/services.h"
+
+#include "support/suite.h"
 
 namespace {
 

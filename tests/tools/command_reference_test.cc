@@ -1,16 +1,11 @@
 // The command tables are the one place a command's keys are written: every
 // row is complete, no handler spells a request key, and docs/commands.md is
 // what the tables make of themselves today.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <set>
-#include <string>
-
 #include "daemon/command_reference.h"
 #include "daemon/dispatch.h"
 #include "handlers/registry.h"
-#include "support/os.h"
+
+#include "support/suite.h"
 
 namespace {
 
