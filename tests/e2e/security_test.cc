@@ -182,14 +182,25 @@ TEST(HostileWire, NoAttackCrashesHangsOrStarvesTheDaemon)
     }
 }
 
-class Security : public DaemonPerTest {
+// A fresh root and daemon for every test, everything granted to everyone,
+// checked at its end, with every capture file gone.
+class Security : public testing::Test {
 protected:
     void SetUp() override
     {
-        DaemonPerTest::SetUp();
+        ASSERT_TRUE(start_daemon(daemon_, captures_)) << daemon_.stderr_text();
         root_.grant_everyone();
         ASSERT_TRUE(reload_policy(root_, daemon_));
     }
+    void TearDown() override
+    {
+        expect_clean_stop(daemon_);
+        EXPECT_TRUE(std::filesystem::is_empty(captures_.path())) << "capture files left behind";
+    }
+
+    SimRoot root_;
+    TempDir captures_;
+    DaemonProcess daemon_{root_};
 };
 
 // Seven callers at once with the longest request taken, full of empty

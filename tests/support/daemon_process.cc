@@ -115,15 +115,3 @@ bool reload_policy(SimRoot& root, const DaemonProcess& daemon, const std::string
     const size_t before = reads();
     return kill(daemon.pid(), SIGHUP) == 0 && eventually([&] { return reads() > before; }, 5000);
 }
-
-void DaemonPerTest::SetUp()
-{
-    ASSERT_TRUE(start_daemon(daemon_, captures_)) << daemon_.stderr_text();
-    root_.clear_calls();
-}
-
-void DaemonPerTest::TearDown()
-{
-    expect_clean_stop(daemon_);
-    EXPECT_TRUE(std::filesystem::is_empty(captures_.path())) << "capture files left behind";
-}

@@ -2,14 +2,6 @@
 // called through the real client library, and its test fixture.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <signal.h>
-
-#include <string>
-#include <vector>
-
-#include "support/sim_root.h"
-
 // Replies all handler families share, and a handler's own failure reply.
 inline const std::string kOk = "{\"result\":0}\n";
 inline const std::string kInputError = "{\"error_code\":-1,\"error_msg\":\"input error\"}\n";
@@ -83,15 +75,3 @@ void expect_clean_stop(DaemonProcess& daemon);
 // Writes text as the caller policy (unless empty), sends SIGHUP and waits
 // until the log says the policy was read again.
 bool reload_policy(SimRoot& root, const DaemonProcess& daemon, const std::string& text = "");
-
-// A fresh root and daemon for every test, checked at its end, with every
-// capture file gone.
-class DaemonPerTest : public testing::Test {
-protected:
-    void SetUp() override;
-    void TearDown() override;
-
-    SimRoot root_;
-    TempDir captures_;
-    DaemonProcess daemon_{root_};
-};

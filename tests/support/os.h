@@ -1,15 +1,6 @@
 // What a test needs of the operating system.
 #pragma once
 
-#include <sys/types.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <functional>
-#include <optional>
-#include <string>
-#include <vector>
-
 struct NoCopy {
     NoCopy() = default;
     NoCopy(const NoCopy&) = delete;

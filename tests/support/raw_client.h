@@ -2,12 +2,6 @@
 // can drive a service exactly and misbehave on purpose at any point.
 #pragma once
 
-#include <optional>
-#include <string>
-
-#include "dv.h"
-#include "support/os.h"
-
 class RawClient : NoCopy {
 public:
     ~RawClient() { close_now(); }

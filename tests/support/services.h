@@ -1,18 +1,8 @@
 // Services and queues a test runs in its own process.
 #pragma once
 
-#include <fcntl.h>
-#include <sys/msg.h>
-#include <unistd.h>
-
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "daemon/dispatch.h"
-#include "dv.h"
 #include "handlers/registry.h"
-#include "support/daemon_process.h"
 
 // A service on a private socket path, listening once constructed. Without
 // DV_STANDALONE in mode, dv_start runs the producer on a thread of the test's.

@@ -3,12 +3,7 @@
 // their steering files, and files by platform path.
 #pragma once
 
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "sim/simlib.h"
-#include "support/os.h"
 
 // One journaled call of a platform program or library function.
 struct SimCall {

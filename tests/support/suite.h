@@ -1,6 +1,6 @@
 // Everything a test file uses beyond the code it tests: the system calls
 // tests make, GoogleTest, the standard library and the shared support.
-// Tests include this one header; support headers stay self-contained.
+// Tests include this one header; the support headers are parts of it.
 #pragma once
 
 #include <arpa/inet.h>
@@ -20,6 +20,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/types.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -57,8 +58,8 @@
 #include <vector>
 
 #include "dv.h"
-#include "support/daemon_process.h"
 #include "support/os.h"
+#include "support/sim_root.h"
+#include "support/daemon_process.h"
 #include "support/raw_client.h"
 #include "support/services.h"
-#include "support/sim_root.h"
