@@ -3,13 +3,6 @@
 
 namespace {
 
-void noop_exec(const char*, dv_io* io, int)
-{
-    dv_io_free(io);
-}
-
-void no_signal(int, siginfo_t*, void*) {}
-
 TEST(AbortDeathTest, EachMisuseAbortsWithItsLine)
 {
     static u_int32_t bogus[128] = {0xdeadbeef};
@@ -32,18 +25,19 @@ TEST(AbortDeathTest, EachMisuseAbortsWithItsLine)
     };
     const std::string ep = ": `epoll && (*(u_int32_t*) epoll == DV_EPOLL_MAGIC)'";
     size_t size;
+    const dv_signal_fn no_signal = [](int, siginfo_t*, void*) {};
     const struct {
         std::function<void()> run;
         std::string line;
     } cases[] = {
-        {[] { dv_create(nullptr, 4, 1, noop_exec); }, name},
-        {[] { dv_create(std::string(65, 'n').c_str(), 4, 1, noop_exec); }, name},
-        {[] { dv_create("svc", 1, 1, noop_exec); },
+        {[] { dv_create(nullptr, 4, 1, echo_exec); }, name},
+        {[] { dv_create(std::string(65, 'n').c_str(), 4, 1, echo_exec); }, name},
+        {[] { dv_create("svc", 1, 1, echo_exec); },
          "@dv_create() mode miss DV_PROCESS_MODE or DV_PTHREAD_MODE: `(mode | DV_STANDALONE) != DV_STANDALONE'"},
-        {[] { dv_create("svc", 6, 1, noop_exec); }, mode},
-        {[] { dv_create("svc", 4, 0, noop_exec); }, "@dv_create() workers option cannot be zero: `workers > 0'"},
+        {[] { dv_create("svc", 6, 1, echo_exec); }, mode},
+        {[] { dv_create("svc", 4, 0, echo_exec); }, "@dv_create() workers option cannot be zero: `workers > 0'"},
         {[] { dv_create("svc", 4, 1, nullptr); }, "@dv_create() exec must be callable function pointer: `exec'"},
-        {[] { dv_create("@tmp", 4, 1, noop_exec); },
+        {[] { dv_create("@tmp", 4, 1, echo_exec); },
          "@dv_create() name must be absolute file path: `(name[0] == '@' && name[1] == '/')'"},
         {[&] { dv_start(bad); }, handle("dv_start", "start")},
         {[&] { dv_stop(bad); }, handle("dv_stop", "stop")},
@@ -53,7 +47,7 @@ TEST(AbortDeathTest, EachMisuseAbortsWithItsLine)
         {[&] { dv_worker_init(bad, nullptr, nullptr); }, handle("dv_worker_init", "start")},
         {[&] { dv_worker_fini(bad, nullptr, nullptr); }, handle("dv_worker_fini", "start")},
         {[] {
-             TestService svc(noop_exec);
+             TestService svc(echo_exec);
              dv_start(svc.handle());
          },
          "@dv_start() cannot start service twice: `service_handle->worker == NULL'"},
@@ -86,9 +80,9 @@ TEST(AbortDeathTest, EachMisuseAbortsWithItsLine)
              dv_ez_call("svc", "cmd", nullptr, 0, &not_null, nullptr, 5, -1);
          },
          "@dv_ez_call() recv memory access violation: `(recv == NULL || *recv == NULL)'"},
-        {[] { dv_signal(0, no_signal); },
+        {[&] { dv_signal(0, no_signal); },
          "@dv_signal() cannot handle signal number 0: `signum > 0 && signum < MAX_SIGNAL_SIZE'"},
-        {[] { dv_signal(32, no_signal); },
+        {[&] { dv_signal(32, no_signal); },
          "@dv_signal() cannot handle signal number 32: `signum > 0 && signum < MAX_SIGNAL_SIZE'"},
     };
     for (const auto& c : cases)

@@ -57,25 +57,19 @@ void test_table_exec(const char* name, dv_io* io, int fd)
 TEST(Dispatch, TheCallersDescriptorIsStandardOutputWhileTheHandlerRunsAndEveryEndReleasesTheClient)
 {
     HandlerService service(test_table_exec, 1);
-    int pipefd[2];
-    ASSERT_EQ(pipe2(pipefd, O_CLOEXEC), 0);
-    const std::string pipe_name = fd_target(pipefd[1]);
-    for (int fd : {pipefd[1], -1}) {  // without one the handler runs all the same, on /dev/null
+    const int out = make_request_memfd("");
+    const std::string out_name = fd_target(out);
+    for (int fd : {out, -1}) {  // without one the handler runs all the same, on /dev/null
         int status = -1;
         EXPECT_EQ(service.call("print", "", &status, fd), "{\"result\":0}\n");
         EXPECT_EQ(status, DV_STATUS_OK);
         std::lock_guard<std::mutex> g(g_seen_lock);
-        EXPECT_EQ(g_stdout_during, fd < 0 ? "/dev/null" : pipe_name);
+        EXPECT_EQ(g_stdout_during, fd < 0 ? "/dev/null" : out_name);
         EXPECT_EQ(g_fd_seen >= 0, fd >= 0);
     }
     EXPECT_TRUE(eventually([] { return fd_target(STDOUT_FILENO) == "/dev/null"; }));
-    close(pipefd[1]);
-    std::string got;
-    char buf[256];
-    for (ssize_t n; (n = read(pipefd[0], buf, sizeof(buf))) > 0;)
-        got.append(buf, static_cast<size_t>(n));
-    close(pipefd[0]);
-    EXPECT_EQ(got, "written to descriptor 1\nprinted by print_handler");
+    EXPECT_EQ(read_fd_text(out), "written to descriptor 1\nprinted by print_handler");
+    close(out);
 
     const int before = settled_fd_count() + 1;  // the debug log stays open from its first line
     for (const char* name : {"unwritten", "throws"}) {

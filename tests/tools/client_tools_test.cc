@@ -9,11 +9,6 @@
 
 namespace {
 
-std::string program(const std::string& name)
-{
-    return binary_dir() + "/bin/" + name;
-}
-
 // The last request the mirror saw, to prove what dv-bench sends.
 std::mutex g_seen_lock;
 std::string g_seen;
@@ -74,6 +69,10 @@ TEST(ClientTools, EachWayOfCallingHasItsOutputAndStatus)
                "failures " + failures + "\n";
     };
     const std::string failed = "dv-bench: every call failed\n";
+    auto bench = [](std::vector<std::string> args) {  // 3 threads of 7 calls each
+        args.insert(args.begin(), {"dv-bench", "--threads", "3", "--calls", "7"});
+        return args;
+    };
     const std::string service = "mode=service service=" + S + " command=cmd payload=";
     struct Row {
         std::vector<std::string> args;  // the program, then its arguments
@@ -142,23 +141,18 @@ TEST(ClientTools, EachWayOfCallingHasItsOutputAndStatus)
 
         // Every mode completes its calls and sends what was asked for; the
         // in-process servers leave nothing in TMPDIR.
-        {{"dv-bench", "--threads", "3", "--calls", "7", "--floor"}, 0, ran("mode=floor servers=3 payload=2"), ""},
-        {{"dv-bench", "--threads", "3", "--calls", "7", "--payload", "300", "--self", "2"}, 0,
-         ran("mode=self workers=2 payload=300"), ""},
-        {{"dv-bench", "--threads", "3", "--calls", "7", "--spawn", "/bin/true"}, 0, ran("mode=spawn path=/bin/true"),
-         ""},
-        {{"dv-bench", "--threads", "3", "--calls", "7", "--fail-on-error", S, "cmd"}, 0, ran(service + "2"), "", "", "",
-         "{}"},
-        {{"dv-bench", "--threads", "3", "--calls", "7", "--payload", "40", S, "cmd"}, 0, ran(service + "40"), "", "",
-         "", "{\"p\":\"" + std::string(32, 'x') + "\"}"},
-        {{"dv-bench", "--threads", "3", "--calls", "7", "--json", "{\"k\":[1,2]}", S, "cmd"}, 0,
-         ran(service + "11"), "", "", "", "{\"k\":[1,2]}"},
+        {bench({"--floor"}), 0, ran("mode=floor servers=3 payload=2"), ""},
+        {bench({"--payload", "300", "--self", "2"}), 0, ran("mode=self workers=2 payload=300"), ""},
+        {bench({"--spawn", "/bin/true"}), 0, ran("mode=spawn path=/bin/true"), ""},
+        {bench({"--fail-on-error", S, "cmd"}), 0, ran(service + "2"), "", "", "", "{}"},
+        {bench({"--payload", "40", S, "cmd"}), 0, ran(service + "40"), "", "", "",
+         "{\"p\":\"" + std::string(32, 'x') + "\"}"},
+        {bench({"--json", "{\"k\":[1,2]}", S, "cmd"}), 0, ran(service + "11"), "", "", "", "{\"k\":[1,2]}"},
         {{"dv-bench", "--threads", "3", "--seconds", "0.3", "--floor"}, 0,
          ran("mode=floor servers=3 payload=2", "none", "[1-9][0-9]*"), ""},
         // Failed calls counted by kind; when every call failed, no rate.
-        {{"dv-bench", "--threads", "3", "--calls", "7", "--spawn", "/bin/false"}, 8,
-         ran("mode=spawn path=/bin/false", "exit1=21"), failed},
-        {{"dv-bench", "--threads", "3", "--calls", "7", "@" + absent, "cmd"}, 8,
+        {bench({"--spawn", "/bin/false"}), 8, ran("mode=spawn path=/bin/false", "exit1=21"), failed},
+        {bench({"@" + absent, "cmd"}), 8,
          ran("mode=service service=@" + absent + " command=cmd payload=2", "status2=21"), failed},
     };
     // Each refusal of dv-bench is one line and status 7.
@@ -175,7 +169,7 @@ TEST(ClientTools, EachWayOfCallingHasItsOutputAndStatus)
     for (const Row& row : rows) {
         SCOPED_TRACE(testing::PrintToString(row.args));
         std::vector<std::string> argv = row.args;
-        argv[0] = program(argv[0]);
+        argv[0] = binary_dir() + "/bin/" + argv[0];
         std::vector<std::string> env = {"TMPDIR=" + tmp.path()};
         if (!row.env.empty())
             env.push_back(row.env);
@@ -197,7 +191,7 @@ TEST(ClientTools, EachWayOfCallingHasItsOutputAndStatus)
         h = dv_create(late.c_str(), DV_PTHREAD_MODE | DV_STANDALONE, 1, echo_exec);
         dv_start(h);
     });
-    ProcessResult r = run_process({program("dv-call"), "--wait", "10", late, "cmd", "{}"});
+    ProcessResult r = run_process({binary_dir() + "/bin/dv-call", "--wait", "10", late, "cmd", "{}"});
     starter.join();
     dv_free(h);
     EXPECT_EQ(r.status, 0) << r.err;
