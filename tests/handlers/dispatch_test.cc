@@ -57,6 +57,7 @@ void test_table_exec(const char* name, dv_io* io, int fd)
 TEST(Dispatch, TheCallersDescriptorIsStandardOutputWhileTheHandlerRunsAndEveryEndReleasesTheClient)
 {
     HandlerService service(test_table_exec, 1);
+    const int before = settled_fd_count() + 1;  // the debug log stays open from its first line
     const int out = make_request_memfd("");
     const std::string out_name = fd_target(out);
     for (int fd : {out, -1}) {  // without one the handler runs all the same, on /dev/null
@@ -71,7 +72,6 @@ TEST(Dispatch, TheCallersDescriptorIsStandardOutputWhileTheHandlerRunsAndEveryEn
     EXPECT_EQ(read_fd_text(out), "written to descriptor 1\nprinted by print_handler");
     close(out);
 
-    const int before = settled_fd_count() + 1;  // the debug log stays open from its first line
     for (const char* name : {"unwritten", "throws"}) {
         int status = -1;
         auto start = std::chrono::steady_clock::now();
