@@ -32,29 +32,23 @@ TEST(ExecPolicy, ProgramsAndScriptsOthersCouldChangeAreRefusedWithTheReason)
     fs::create_symlink("/bin/echo", tmp.file("echo"));
     const std::string self = "/proc/" + std::to_string(getpid()) + "/exe";
     const struct {
-        std::string program, loosen;  // loosen: made writable by others for the row
-        std::string why;              // empty: allowed
+        std::string program, why = "";  // why: empty when allowed
+        std::string loosen = "";        // made writable by others for the row
         uid_t owner = 0;
     } cases[] = {
-        {"/bin/echo", "", ""},
-        {"/usr/bin/shred", "", ""},
-        {"/bin/bashful", "", ""},
-        {"/usr/bin/phpx", "", ""},
-        {"/opt/sh/tool", "", ""},
-        {"", "", ""},
-        {"/usr/bin/python3.11", "", "a shell, an interpreter or a launcher of other programs"},
-        {"/no/such/program", "", ""},
-        {dir + "/../" + fs::path(dir).filename().string() + "/echo-link", "", ""},
-        {tmp.file("calc"), "", "leads to /usr/bin/bash, a shell, an interpreter or a launcher of other programs"},
-        {"/usr/bin/env", "", "a shell, an interpreter or a launcher of other programs"},
-        {tmp.file("echo"), "", "/tmp is writable by group or others"},
-        {self, "", self + " is a link of /proc"},
-        {echo, echo, echo + " is writable by group or others"},
-        {dir + "/echo-link", dir, dir + " is writable by group or others"},
-        {dir + "/a", "", dir + "/a: too many levels of symbolic links"},
-        {dir + "/loader", "", "the program loader or a shared library"},
-        {dir + "/tool", "", "a script with an interpreter line"},
-        {dir + "/echo-link", "", echo + " belongs to uid 65534", kSpareUid},
+        {"/bin/echo"}, {"/usr/bin/shred"}, {"/bin/bashful"}, {"/usr/bin/phpx"}, {"/opt/sh/tool"}, {""},
+        {"/no/such/program"}, {dir + "/../" + fs::path(dir).filename().string() + "/echo-link"},
+        {"/usr/bin/python3.11", "a shell, an interpreter or a launcher of other programs"},
+        {tmp.file("calc"), "leads to /usr/bin/bash, a shell, an interpreter or a launcher of other programs"},
+        {"/usr/bin/env", "a shell, an interpreter or a launcher of other programs"},
+        {tmp.file("echo"), "/tmp is writable by group or others"},
+        {self, self + " is a link of /proc"},
+        {echo, echo + " is writable by group or others", echo},
+        {dir + "/echo-link", dir + " is writable by group or others", dir},
+        {dir + "/a", dir + "/a: too many levels of symbolic links"},
+        {dir + "/loader", "the program loader or a shared library"},
+        {dir + "/tool", "a script with an interpreter line"},
+        {dir + "/echo-link", echo + " belongs to uid 65534", "", kSpareUid},
     };
     EXPECT_FALSE(dv_blocked_program(nullptr));
     for (const auto& c : cases) {

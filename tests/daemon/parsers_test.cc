@@ -124,25 +124,15 @@ TEST(Parsers, TypedReaderStoresAtTheTypesWidthOrRefuses)
         Json::Value root;
         ASSERT_TRUE(json_parse(c.request, root));
         const bool text = std::string(c.type) == "string";
-        struct {
-            union {
-                int32_t i32;
-                int64_t i64;
-            };
-            uint32_t fence;  // nothing is written past the type's width
-        } out, want;
-        out.i64 = want.i64 = 0x5555555555555555LL;
-        out.fence = want.fence = 0xA5A5A5A5U;
-        if (c.ok && std::string(c.type) == "long")
-            want.i64 = c.number;
-        else if (c.ok && !text)
-            want.i32 = static_cast<int32_t>(c.number);
+        // The last word is a fence: nothing is written past the type's width.
+        std::vector<uint32_t> out = {0x55555555U, 0x55555555U, 0xA5A5A5A5U}, want = out;
+        if (c.ok && !text)
+            memcpy(want.data(), &c.number, std::string(c.type) == "long" ? 8 : 4);  // the low half first
         std::string str = "untouched";
         bool error = false;
-        parser_param_from_json_str(root, "k", text ? static_cast<void*>(&str) : &out, c.type, &error);
+        parser_param_from_json_str(root, "k", text ? static_cast<void*>(&str) : out.data(), c.type, &error);
         EXPECT_EQ(error, !c.ok);
-        EXPECT_EQ(out.i64, want.i64);
-        EXPECT_EQ(out.fence, want.fence);
+        EXPECT_EQ(out, want);
         EXPECT_EQ(str, c.ok && text ? "x" : "untouched");
         if (c.logged)
             EXPECT_THAT(log.messages(), testing::ElementsAre(testing::MatchesRegex(

@@ -52,10 +52,9 @@ bool hang_up_at(const std::string& sockfile, int step)
         return false;
     if (step <= 2)
         return step == 1 || c.send_bytes(std::string(100, '\x08').data(), 100);
-    if (!c.send_directive(DV_DIRECTIVE_REQUEST, step == 4 ? DV_DIRECTIVE_FLAG_EXTRA_FD : 0, "get_vpd_productnamed"))
-        return false;
-    int memfd = make_request_memfd("{}");
-    const bool sent = step == 3 || c.send_fd(memfd);
+    const int memfd = make_request_memfd("{}");
+    const bool sent = c.send_directive(DV_DIRECTIVE_REQUEST, step == 4 ? DV_DIRECTIVE_FLAG_EXTRA_FD : 0,
+                                       "get_vpd_productnamed") && (step == 3 || c.send_fd(memfd));
     close(memfd);
     return sent;
 }
@@ -121,23 +120,14 @@ TEST(Soak, MixedRequestsAreAllAnsweredExactlyAndLeaveNothingBehind)
                                         std::to_string(kValgrindFailure) + " --log-file=" + scratch.file("vg.log") +
                                         " " + daemon_binary() + " \"$@\"\n", 0755));
     }
-    ASSERT_GT(d.spawn(), 0);
-    ASSERT_TRUE(eventually([&] {
-        int a = -1, b = -1;
-        d.call("test", "{}", &a, -1, 5);
-        d.call_mail("test", "{}", &b);
-        return a == 0 && b == 0;
-    }, valgrind ? 120000 : 10000)) << d.stderr_text();
-    std::vector<std::atomic<long>> sent(std::size(kKinds));
+    ASSERT_TRUE(d.start()) << d.stderr_text();
     // Every cache and allocator arena of the daemon at its working size before the baseline.
-    std::vector<std::string> violations = run_mix(d, std::clamp(requests / 10, 500UL, 5000UL), sent);
-    ASSERT_EQ(violations, std::vector<std::string>{});
-    for (auto& n : sent)
-        n = 0;
+    std::vector<std::atomic<long>> warm_up(std::size(kKinds)), sent(std::size(kKinds));
+    ASSERT_EQ(run_mix(d, std::clamp(requests / 10, 500UL, 5000UL), warm_up), std::vector<std::string>{});
     const int fds = settled_fd_count(d.pid());
     const long rss = status_field(d.pid(), "VmRSS"), threads = status_field(d.pid(), "Threads");
     const auto start = std::chrono::steady_clock::now();
-    violations = run_mix(d, requests, sent);
+    const std::vector<std::string> violations = run_mix(d, requests, sent);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     printf("soak: %lu requests in %.1f s (%.0f/s)%s\n", requests, seconds, requests / seconds,
            valgrind ? " under valgrind" : "");

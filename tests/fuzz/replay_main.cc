@@ -12,8 +12,7 @@ int main(int argc, char** argv)
             files.push_back(entry.path());
     std::sort(files.begin(), files.end());
     for (const auto& file : files) {
-        std::ifstream in(file, std::ios::binary);
-        const std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        const std::string data = read_text_file(file);
         LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(data.data()), data.size());
     }
     printf("replayed %zu inputs\n", files.size());
