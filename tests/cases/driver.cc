@@ -6,6 +6,7 @@
 //   driver --coverage FILE...  every command of both tables has a case
 #include "daemon/command_table.h"
 #include "daemon/json.h"
+#include "daemon/strutil.h"
 #include "handlers/registry.h"
 #include "platform/paths.h"
 
@@ -180,8 +181,8 @@ private:
             out += s.substr(at, open - at);
             std::string inner = s.substr(open + 2, close - open - 2);
             size_t star = inner.find_first_not_of("0123456789");
-            if (inner.rfind("b64 ", 0) == 0)
-                out += encode_base64(unescape(inner.substr(4)));
+            if (std::string b64; inner.rfind("b64 ", 0) == 0)
+                base64_encode(unescape(inner.substr(4)), b64), out += b64;
             else if (star > 0 && star != std::string::npos && inner[star] == '*')
                 for (int n = std::stoi(inner); n > 0; --n)
                     out += unescape(inner.substr(star + 1));

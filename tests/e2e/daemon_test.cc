@@ -8,10 +8,6 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-const std::string kTest = R"({"handler":"test_handler","service":"VexProServer-vexprod"})" "\n";
-const std::string kMailTest =
-    R"({"handler":"nox_test_sendmail_srv_handler","service":"VexProServer_send_mail-vexprod"})" "\n";
-
 struct Life {
     SimRoot root;
     DaemonProcess d{root};
@@ -41,8 +37,8 @@ TEST(Daemon, StartsServesAndEndsAsEachWayOfStartingAndStoppingSays)
         std::function<void(Life&)> setup, meanwhile;  // meanwhile null: it must not come up
         int signal;                                  // what ends it; 0: it ends by itself
         int status;
-        std::string err;  // all of stderr; {dir}, {root} and {pid} stand for the socket directory, the
-                          // platform root and the pid of the other instance
+        std::string err;  // all of stderr; {dir}, {root}, {pid} and {program} (in the log too) stand for the
+                          // socket directory, the platform root, the other instance's pid and the daemon's path
         std::vector<std::string> log;
         std::function<void(Life&)> after = nullptr;
     };
@@ -55,9 +51,11 @@ TEST(Daemon, StartsServesAndEndsAsEachWayOfStartingAndStoppingSays)
              ASSERT_EQ(posix_spawn(&r.namesake, link.c_str(), nullptr, nullptr, argv, environ), 0);
          },
          [](Life& r) {
+             kill(r.namesake, SIGKILL);  // it had its say while the daemon started
+             waitpid(r.namesake, nullptr, 0);
              for (int sig : {SIGHUP, SIGUSR1, SIGUSR2, SIGPIPE})
                  kill(r.d.pid(), sig);
-             EXPECT_EQ(r.d.call("test", "{}"), kTest);
+             EXPECT_EQ(r.d.call("test", "{}"), kTestReply);
              EXPECT_TRUE(msgget(65521, 0) != -1 && msgget(65522, 0) != -1);
              int status = -1;  // a program started for a caller does not hold the stop up
              r.d.call("exec_cli", R"({"command":["/bin/sleep","60"]})", &status, -1, 1);
@@ -91,7 +89,7 @@ TEST(Daemon, StartsServesAndEndsAsEachWayOfStartingAndStoppingSays)
          nullptr, 0, 255, "dwe-dv-vexprod: another instance runs (pid {pid}); stop it first.\n",
          {"] warning: re-entry.\n"},
          [](Life& r) {
-             EXPECT_EQ(r.other->call("test", "{}"), kTest);
+             EXPECT_EQ(r.other->call("test", "{}"), kTestReply);
              EXPECT_EQ(r.other->stop(), 0);
          }},
         {"a crash leaves a backtrace and kills it", {}, nullptr, [](Life&) {}, SIGSEGV, 128 + SIGKILL, "",
@@ -108,7 +106,7 @@ TEST(Daemon, StartsServesAndEndsAsEachWayOfStartingAndStoppingSays)
              for (int round = 0; round < 2; round++) {
                  for (int i = 0; i < 20; i++)  // requests that log
                      EXPECT_EQ(r.d.call("get_vpd_ext_area", "{\"offest\":\"1\",\"length\":2}"), kParseError);
-                 EXPECT_EQ(r.d.call("test", "{}"), kTest);
+                 EXPECT_EQ(r.d.call("test", "{}"), kTestReply);
                  std::error_code ec;  // nothing moved the link aside, nothing made the directory again
                  EXPECT_EQ(std::filesystem::read_symlink(log, ec), round ? "" : "/dev/full");
                  EXPECT_EQ(r.root.exists("/opt/VexProServer/.log"), !round);
@@ -152,8 +150,8 @@ TEST(Daemon, StartsServesAndEndsAsEachWayOfStartingAndStoppingSays)
             e.setup(r);
         if (e.meanwhile) {
             ASSERT_TRUE(r.d.start(e.args)) << r.d.stderr_text();
-            EXPECT_EQ(r.d.call("test", "{}"), kTest);
-            EXPECT_EQ(r.d.call_mail("test", "{}"), kMailTest);
+            EXPECT_EQ(r.d.call("test", "{}"), kTestReply);
+            EXPECT_EQ(r.d.call_mail("test", "{}"), kMailTestReply);
             e.meanwhile(r);
         } else {
             ASSERT_GT(r.d.spawn(e.args), 0);
@@ -161,24 +159,19 @@ TEST(Daemon, StartsServesAndEndsAsEachWayOfStartingAndStoppingSays)
         const auto start = Clock::now();
         EXPECT_EQ(e.signal ? r.d.stop(e.signal) : r.d.wait(5000), e.status);
         EXPECT_LT(Clock::now() - start, r.callers.empty() ? 2s : 5s);
-        if (r.namesake > 0) {
-            kill(r.namesake, SIGKILL);
-            waitpid(r.namesake, nullptr, 0);
-        }
-        std::string err = e.err;
-        for (const auto& [mark, value] :
-             {std::pair<std::string, std::string>{"{dir}", r.d.socket_dir()}, {"{root}", r.root.path()},
-              {"{pid}", r.other ? std::to_string(r.other->pid()) : ""}})
-            if (size_t at = err.find(mark); at != std::string::npos)
-                err.replace(at, mark.size(), value);
-        const std::string got = r.d.stderr_text();  // "] ..." leaves out the "[function][line" before it
+        auto fill = [&](std::string s) {
+            for (const auto& [mark, value] : {std::pair<std::string, std::string>{"{dir}", r.d.socket_dir()},
+                                              {"{root}", r.root.path()}, {"{program}", r.d.program_path()},
+                                              {"{pid}", r.other ? std::to_string(r.other->pid()) : ""}})
+                if (size_t at = s.find(mark); at != std::string::npos)
+                    s.replace(at, mark.size(), value);
+            return s;
+        };
+        const std::string err = fill(e.err), got = r.d.stderr_text();  // "] ..." leaves out the "[function][line"
         EXPECT_EQ(got.substr(err.rfind("] ", 0) == 0 ? got.find("] ") : 0), err);
         const std::string log = r.d.debug_log();
-        for (std::string line : e.log) {
-            if (size_t at = line.find("{program}"); at != std::string::npos)
-                line.replace(at, 9, r.d.program_path());
-            EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
-        }
+        for (const std::string& line : e.log)
+            EXPECT_NE(log.find(fill(line)), std::string::npos) << line << "\n" << log;
         if (e.after)
             e.after(r);
         EXPECT_TRUE(e.status == 128 + SIGKILL || !(file_exists(r.d.command_socket()) || file_exists(r.d.mail_socket())));

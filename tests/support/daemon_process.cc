@@ -1,6 +1,5 @@
 #include "support/suite.h"
 
-#include "daemon/strutil.h"
 #include "platform/paths.h"
 
 DaemonProcess::DaemonProcess(SimRoot& root) : root_(root)
@@ -79,13 +78,6 @@ std::string call_socket(const std::string& sockfile, const std::string& command,
         *status = st;
     std::string out = reply ? std::string(static_cast<char*>(reply), size) : std::string();
     free(reply);
-    return out;
-}
-
-std::string encode_base64(const std::string& bytes)
-{
-    std::string out;
-    base64_encode(bytes, out);
     return out;
 }
 

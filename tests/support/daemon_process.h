@@ -6,11 +6,13 @@
 inline const std::string kOk = "{\"result\":0}\n";
 inline const std::string kInputError = "{\"error_code\":-1,\"error_msg\":\"input error\"}\n";
 inline const std::string kParseError = "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n";
+inline const std::string kTestReply = R"({"handler":"test_handler","service":"VexProServer-vexprod"})" "\n";
+inline const std::string kMailTestReply =
+    R"({"handler":"nox_test_sendmail_srv_handler","service":"VexProServer_send_mail-vexprod"})" "\n";
 inline std::string failure(const std::string& handler)
 {
     return "{\"error_msg\":\"" + handler + " fail\",\"result\":-1}\n";
 }
-std::string encode_base64(const std::string& bytes);
 
 inline std::string daemon_binary()
 {

@@ -89,12 +89,10 @@ std::vector<int> inheritable_fds()
 std::string describe_open_fds()
 {
     std::string out;
-    for (int fd : open_fds()) {
-        char target[256] = "?";
-        ssize_t n = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof(target) - 1);
-        target[n > 0 ? n : 1] = '\0';
-        out += "  " + std::to_string(fd) + " -> " + target + "\n";
-    }
+    std::error_code ec;
+    for (int fd : open_fds())
+        out += "  " + std::to_string(fd) + " -> " +
+               std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), ec).string() + "\n";
     return out;
 }
 
@@ -129,8 +127,8 @@ TempDir::TempDir()
 
 TempDir::~TempDir()
 {
-    nftw(path_.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return remove(p), 0; }, 16,
-         FTW_DEPTH | FTW_PHYS);
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
 }
 
 std::string literal_regex(const std::string& text)
@@ -205,21 +203,19 @@ pid_t spawn_process(const std::vector<std::string>& argv, const std::vector<std:
                     int err)
 {
     std::vector<std::string> env(extra_env);
-    for (char** e = environ; *e; e++) {
-        const std::string s = *e;
-        bool overridden = false;
-        for (const std::string& add : extra_env)
-            overridden |= s.compare(0, add.find('=') + 1, add, 0, add.find('=') + 1) == 0;
-        if (!overridden)
-            env.push_back(s);
-    }
-    std::vector<char*> envp, args;
-    for (std::string& s : env)
-        envp.push_back(s.data());
-    for (const std::string& a : argv)
-        args.push_back(const_cast<char*>(a.c_str()));
-    envp.push_back(nullptr);
-    args.push_back(nullptr);
+    for (char** e = environ; *e; e++)
+        if (std::none_of(extra_env.begin(), extra_env.end(), [&](const std::string& add) {
+                return std::string_view(*e).starts_with(add.substr(0, add.find('=') + 1));
+            }))
+            env.push_back(*e);
+    auto pointers = [](const std::vector<std::string>& v) {
+        std::vector<char*> p;
+        for (const std::string& s : v)
+            p.push_back(const_cast<char*>(s.c_str()));
+        p.push_back(nullptr);
+        return p;
+    };
+    std::vector<char*> envp = pointers(env), args = pointers(argv);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, in, 0);

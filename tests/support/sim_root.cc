@@ -56,10 +56,7 @@ void SimRoot::add_program(const std::string& platform_path)
     const std::string stub = abs(std::string(sim::STATE_DIR) + "/bin/vexprod-sim-stub");
     fs::path target = abs(platform_path);
     fs::create_directories(target.parent_path());
-    std::error_code ec;
-    fs::create_hard_link(stub, target, ec);
-    if (ec)
-        fs::copy_file(stub, target);
+    fs::copy_file(stub, target);
 }
 
 void SimRoot::write_file(const std::string& platform_path, const std::string& text)

@@ -7,7 +7,6 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <grp.h>
 #include <netinet/in.h>
 #include <poll.h>
