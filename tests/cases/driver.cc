@@ -340,13 +340,17 @@ private:
         const bool there = lstat(host.c_str(), &st) == 0;
         if (p.back() == '/')
             return expect("listing of " + p, what, listing(host));
-        if (p.rfind("queue:", 0) == 0) {
-            struct msqid_ds ds = {};
-            const bool made = msgctl(msgget(std::stoi(p.substr(6)), 0), IPC_STAT, &ds) == 0;
-            return expect("mode, owner, creator and group of " + p, what.substr(5),
-                          made ? format_text("%o %u %u %u", ds.msg_perm.mode & 0777, unsigned(ds.msg_perm.uid),
-                                             unsigned(ds.msg_perm.cuid), unsigned(ds.msg_perm.gid))
-                               : "missing");
+        if (p.rfind("queue:", 0) == 0) {  // handed to the senders just after the policy read is logged: a moment
+            std::string got;
+            eventually([&] {
+                struct msqid_ds ds = {};
+                got = msgctl(msgget(std::stoi(p.substr(6)), 0), IPC_STAT, &ds) != 0
+                          ? "missing"
+                          : format_text("%o %u %u %u", ds.msg_perm.mode & 0777, unsigned(ds.msg_perm.uid),
+                                        unsigned(ds.msg_perm.cuid), unsigned(ds.msg_perm.gid));
+                return got == what.substr(5);
+            });
+            return expect("mode, owner, creator and group of " + p, what.substr(5), got);
         }
         if (what == "absent")
             return expect(p, "absent", there ? "present" : "absent");
