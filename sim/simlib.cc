@@ -42,7 +42,7 @@ std::string root_of_library(const void* own_symbol)
     return find_root("");
 }
 
-static bool write_all(int fd, const std::string& data)
+bool write_all(int fd, const std::string& data)
 {
     std::size_t done = 0;
     while (done < data.size()) {

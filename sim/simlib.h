@@ -29,6 +29,8 @@ void journal(const std::string& root, const std::string& who, const std::vector<
 
 bool read_file(const std::string& path, std::string& out);
 bool write_file(const std::string& path, const std::string& text);
+// All of data to fd, through interruptions; false when a write fails.
+bool write_all(int fd, const std::string& data);
 bool append_line(const std::string& path, const std::string& line);
 bool file_exists(const std::string& path);
 // Lines of text without their end-of-line characters.

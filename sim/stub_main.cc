@@ -29,21 +29,8 @@ const std::string& Call::arg(std::size_t i) const
     return i < argv.size() ? argv[i] : none;
 }
 
-static void write_fd(int fd, const std::string& text)
-{
-    std::size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return;
-        done += n;
-    }
-}
-
-void out(const std::string& text) { write_fd(1, text); }
-void err(const std::string& text) { write_fd(2, text); }
+void out(const std::string& text) { sim::write_all(1, text); }
+void err(const std::string& text) { sim::write_all(2, text); }
 
 int usage(const Call& call, const std::string& synopsis)
 {
